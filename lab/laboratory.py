@@ -1,0 +1,280 @@
+"""A whole VPN on one Linux machine, around the real executable.
+
+    with Laboratory(build) as laboratory:
+        laboratory.start_service()
+        laboratory.pipe.call("Connect")
+
+Several laboratories can be up at once; each has a number, and all that it makes outside the machine's memory
+lies in one folder, its namespaces and their entries below /etc/netns. When its owner has died without a word,
+the next laboratory to start clears it away.
+"""
+
+import contextlib
+import fcntl
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import time
+
+from lab import agent_client, certificates, network, prefix, vpn_servers, windows
+from lab.control_plane.keeper import Keeper
+from lab.steps import CannotRun
+
+HERE = pathlib.Path(__file__).resolve().parent
+EMAIL = "ada@telvor.test"
+PASSWORD = "correct horse battery staple"
+# The same for all, whatever TMPDIR says: the namespaces are the same for all too.
+PARENT = pathlib.Path("/tmp")
+HIGHEST_NUMBER = 99
+# Debian's own, which has Debian's modules; another may stand first on the path. It leaves no compiled files.
+PYTHON = ("/usr/bin/python3", "-B")
+
+
+def folder_of(number):
+    return PARENT / f"telvor-lab-{number}"
+
+
+def _folders():
+    """The numbers of all laboratories that have a folder."""
+    words = [folder.name.rpartition("-")[2] for folder in PARENT.glob("telvor-lab-*")]
+    return {int(word) for word in words if word.isdigit()}
+
+
+@contextlib.contextmanager
+def _claiming():
+    """One at a time through here, by a lock on a folder that is there anyway."""
+    handle = os.open(PARENT, os.O_RDONLY)
+    try:
+        fcntl.flock(handle, fcntl.LOCK_EX)
+        yield
+    finally:
+        os.close(handle)
+
+
+def _is_owned(number):
+    """Whether a living process holds the laboratory, or it was left up on purpose."""
+    folder = folder_of(number)
+    if (folder / "kept").exists():
+        return True
+    try:
+        handle = os.open(folder, os.O_RDONLY)
+    except FileNotFoundError:
+        return False
+    try:
+        fcntl.flock(handle, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        return False
+    except BlockingIOError:
+        return True
+    finally:
+        os.close(handle)
+
+
+def remove(number):
+    """Takes down whatever there is of a laboratory, by its number alone."""
+    network.destroy(number)
+    shutil.rmtree(folder_of(number), ignore_errors=True)
+
+
+def clear_abandoned(tell=lambda text: None):
+    """Removes the laboratories whose owner was killed."""
+    for number in sorted(network.numbers() | _folders()):
+        if not _is_owned(number):
+            tell(f"clearing away laboratory {number}, whose owner was killed")
+            remove(number)
+
+
+def kept(build):
+    """The laboratory of this build that was left up, or None."""
+    for number in sorted(_folders()):
+        marker = folder_of(number) / "kept"
+        if marker.exists() and marker.read_text() == str(build):
+            laboratory = Laboratory(build)
+            laboratory.attach(number)
+            return laboratory
+    return None
+
+
+class Laboratory:
+    """One laboratory: what it is made of, and the calls that drive it."""
+
+    def __init__(self, build, tell=lambda text: None):
+        self.build = pathlib.Path(build).resolve()
+        self.tell = tell
+        self.number = 0
+        self.folder = None
+        self.first_routes = []  # of the client, before anything of the product ran
+        self._ownership = None
+
+    def __enter__(self):
+        try:
+            self.start()
+        except BaseException:
+            self.stop()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    # Coming and going
+
+    def start(self):
+        """Brings everything up to the point where the service could be started."""
+        self._claim()
+        (self.folder / "logs").mkdir()
+        self.tell("making the network: client, router, two VPN servers, web site, control plane")
+        network.create(self.number, self.folder, certificates.make(self.folder, network.CONTROL_PLANE_HOST))
+        self.tell("starting WireGuard on the servers, the control plane and the web site")
+        self._start_servers()
+        self._start_agent()
+        self.tell("taking a Windows from the template (making it first takes a quarter of a minute)")
+        prefix.copy(prefix.template(self.build / "lab" / "cache"), self.folder / "prefix")
+        seed = f"[domains]\n{network.SITE_HOST}\n[ips]\n{network.CONTROL_PLANE.address}\n"
+        prefix.lay_down(self.folder / "prefix", self.build, seed)
+        self.tell("booting it and registering the service")
+        windows.boot(self)
+        self._connect()
+        self.first_routes = self.agent.routes()
+
+    def stop(self):
+        """Takes everything down and removes every trace; harmless when there is nothing."""
+        if not self.number:
+            return
+        with contextlib.suppress(Exception):
+            self.pipe.close()
+        with contextlib.suppress(Exception):
+            windows.shut_down(self)
+        remove(self.number)
+        if self._ownership is not None:
+            os.close(self._ownership)
+        self.number = 0
+
+    def keep(self):
+        """Leaves the laboratory up when its maker ends."""
+        self.pipe.close()
+        (self.folder / "kept").write_text(str(self.build))
+
+    def attach(self, number):
+        """Takes hold of a laboratory that was left up."""
+        self.number, self.folder = number, folder_of(number)
+        self._connect()
+
+    def _claim(self):
+        with _claiming():
+            clear_abandoned(self.tell)
+            for number in range(1, HIGHEST_NUMBER + 1):
+                with contextlib.suppress(FileExistsError):
+                    folder_of(number).mkdir(mode=0o700)
+                    self.number, self.folder = number, folder_of(number)
+                    self._ownership = os.open(self.folder, os.O_RDONLY)
+                    fcntl.flock(self._ownership, fcntl.LOCK_EX)
+                    return
+        raise CannotRun(f"all {HIGHEST_NUMBER} laboratory numbers are taken: see {folder_of('*')}")
+
+    def _start_servers(self):
+        keys = {server: vpn_servers.start(self, server) for server in vpn_servers.CATALOGUE}
+        for machine in (network.PARIS, network.TOKYO, network.SITE):
+            self.spawn(machine.name, [*PYTHON, str(HERE / "responder.py"), machine.name, "80"],
+                       log=f"responder-{machine.name}.log")
+        config = {
+            "address": network.CONTROL_PLANE.address, "port": network.CONTROL_PLANE_PORT,
+            "certificate": str(self.folder / "server.pem"),
+            "database": str(self.folder / "control-plane.sqlite"),
+            "keeper_socket": str(self.folder / "keeper.socket"),
+            "accounts": [{"email": EMAIL, "password": PASSWORD}],
+            "servers": [vpn_servers.catalogue_entry(self, server, key) for server, key in keys.items()],
+        }
+        path = self.folder / "control-plane.json"
+        path.write_text(json.dumps(config, indent=1))
+        self.spawn(network.CONTROL_PLANE.name, [*PYTHON, "-m", "lab.control_plane.app", str(path)],
+                   log="control-plane.log", cwd=HERE.parent)
+        self._awaited(lambda: Keeper(self.folder / "keeper.socket").wait(), "control-plane.log")
+
+    def _start_agent(self):
+        agent = str(HERE / "agent" / "agent.py")
+        self.spawn(network.CLIENT.name, [*PYTHON, agent], log="agent.log")
+
+    def _connect(self):
+        self.keeper = Keeper(self.folder / "keeper.socket")
+        self.agent = agent_client.Agent(self.number)
+        self.pipe = windows.Pipe(self)
+        self._awaited(self.agent.wait, "agent.log")
+
+    def _awaited(self, wait, log):
+        try:
+            wait()
+        except Exception as failure:
+            raise RuntimeError(f"{log} says:\n{(self.folder / 'logs' / log).read_text()}") from failure
+
+    # What the parts use
+
+    def enter(self, machine):
+        return network.enter(self.number, self.folder, machine)
+
+    def run(self, machine, argv, **options):
+        return network.run(self.number, self.folder, machine, argv, **options)
+
+    def spawn(self, machine, argv, log, **options):
+        """Starts a lasting process on a machine; it ends with the laboratory, not with its starter."""
+        with open(self.folder / "logs" / log, "ab") as output:
+            return subprocess.Popen(self.enter(machine) + argv, stdin=subprocess.DEVNULL, stdout=output,
+                                    stderr=subprocess.STDOUT, start_new_session=True, **options)
+
+    def pids(self, machine):
+        return network.pids(self.number, machine)
+
+    # What a test or the tour uses
+
+    def start_service(self):
+        windows.start_service(self)
+
+    def stop_service(self, timeout=60):
+        windows.stop_service(self, timeout)
+
+    def log_in(self, email=EMAIL, password=PASSWORD):
+        return self.pipe.call("POST /ui/login", email=email, password=password)
+
+    def wait_for_state(self, wanted, timeout=60):
+        """Polls GetState until it says so; the last answer."""
+        return wait_until(lambda: self.pipe.call("GetState"), lambda state: state["state"] == wanted, timeout,
+                          f"state {wanted}")
+
+
+def wait_until(look, good, timeout, what, pause=0.1):
+    """Looks again and again until what it sees is good; what it saw then."""
+    deadline = time.monotonic() + timeout
+    while not good(seen := look()):
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"{what} did not come within {timeout} s; the last look: {seen}")
+        time.sleep(pause)
+    return seen
+
+
+def check_machine(build):
+    """Raises CannotRun with all that is missing for a laboratory."""
+    missing = []
+    if os.geteuid() != 0:
+        missing.append("root's rights (namespaces and interfaces are made)")
+    if not pathlib.Path("/dev/net/tun").exists():
+        missing.append("/dev/net/tun (the kernel's tun driver; try: modprobe tun)")
+    for program in ("ip", "wg", "wireguard-go", "wine", "wineserver", "curl", "unshare"):
+        if shutil.which(program) is None:
+            missing.append(f"the program {program}")
+    missing += [f"the built file {path}" for path in prefix.needed_executables(pathlib.Path(build).resolve())
+                if not path.exists()]
+    if missing:
+        raise CannotRun("Missing:\n" + "\n".join(f"  - {item}" for item in missing))
+
+
+def main():
+    """For a look at the parts alone: brings a laboratory up and waits for the end of the input."""
+    with Laboratory(sys.argv[1], tell=print) as laboratory:
+        print(f"laboratory {laboratory.number} is up; its files are in {laboratory.folder}")
+        sys.stdin.read()
+
+
+if __name__ == "__main__":
+    main()

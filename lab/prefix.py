@@ -1,0 +1,138 @@
+"""The Windows of one laboratory: a Wine prefix, with what an installer would have laid down in it.
+
+A prefix takes a quarter of a minute to make, so one is kept as a template and copied. Its system folder is
+only linked: nothing writes there, and it is nine tenths of the whole.
+"""
+
+import contextlib
+import fcntl
+import hashlib
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+
+from lab import network
+
+SERVICE = "TELVOR"
+PROGRAM_FOLDER = "Program Files/TELVOR"
+WIREGUARD_FOLDER = "Program Files/WireGuard"
+STAGE_FOLDER = "VPN/stage"
+DATA_FOLDER = "ProgramData/TELVOR"
+LOG_FILE = "ProgramData/sorvanik-vpn/vpnservice.log"
+EXECUTABLE = r"C:\Program Files\TELVOR\telvor.exe"
+# Replaced by stand-ins for the service alone: every other program keeps Wine's own.
+REPLACED_LIBRARIES = ("fwpuclnt", "iphlpapi")
+# Key, value, kind, data. Wine makes a service's ProgramData from the public user's folder: with that folder
+# told to be the real one, a service finds what every other program and every Windows has.
+REGISTRY = tuple(
+    (r"HKCU\Software\Wine\AppDefaults\telvor.exe\DllOverrides", library, "REG_SZ", "native")
+    for library in REPLACED_LIBRARIES
+) + (
+    (r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\ProfileList", "Public", "REG_EXPAND_SZ",
+     r"C:\ProgramData"),
+)
+
+
+def environment(prefix, home):
+    """What Wine programs run with: their own prefix and home, no chatter, no desktop integration."""
+    kept = {key: value for key, value in os.environ.items()
+            if not key.startswith(("WINE", "XDG_", "DISPLAY", "WAYLAND"))}
+    return {**kept, "WINEPREFIX": str(prefix), "WINEARCH": "win64", "WINEDEBUG": "-all", "HOME": str(home),
+            "WINEDLLOVERRIDES": "winemenubuilder.exe,mscoree,mshtml=d"}
+
+
+def wine_version():
+    return subprocess.run(["wine", "--version"], check=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, text=True).stdout.split()[0]
+
+
+def template(cache):
+    """The finished prefix to copy from, made if it is not there; safe against others that want it as well."""
+    cache = pathlib.Path(cache)
+    cache.mkdir(parents=True, exist_ok=True)
+    recipe = hashlib.sha256(repr(REGISTRY).encode()).hexdigest()[:8]
+    finished = cache / f"prefix-{wine_version()}-{recipe}"
+    with open(cache / "lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not finished.exists():
+            _make_template(cache, finished)
+    return finished
+
+
+def _make_template(cache, finished):
+    work = pathlib.Path(tempfile.mkdtemp(prefix="making-", dir=cache))
+    try:
+        prefix, home = work / "prefix", work / "home"
+        home.mkdir()
+        name = network.host_name(network.CLIENT.name)
+        commands = [["wineboot", "-i"]]
+        commands += [["wine", "reg", "add", key, "/v", value, "/t", kind, "/d", data, "/f"]
+                     for key, value, kind, data in REGISTRY]
+        script = 'hostname "$0" && "$@"; code=$?; wineserver -w; exit $code'
+        for command in commands:
+            _run(["unshare", "--uts", "sh", "-c", script, name, *command], environment(prefix, home))
+        _cut_links(prefix / "drive_c" / "users")
+        prefix.rename(finished)
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+    if "SUDO_UID" in os.environ:  # the build folder is the user's, and so is all that lies in it
+        owner = f"{os.environ['SUDO_UID']}:{os.environ['SUDO_GID']}"
+        subprocess.run(["chown", "-R", "--no-dereference", owner, str(cache)], check=True)
+
+
+def _run(command, env):
+    result = subprocess.run(command, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True)
+    if result.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)} ended with {result.returncode}: {result.stdout.strip()}")
+
+
+def _cut_links(users):
+    """Wine links a user's folders to those of the real one; a laboratory's Windows has folders of its own."""
+    for folder in users.glob("*/*"):
+        if folder.is_symlink():
+            folder.unlink()
+            folder.mkdir()
+
+
+def copy(source, target):
+    """A prefix of one's own from the template."""
+    drive = str(pathlib.Path(source) / "drive_c")
+    shutil.copytree(source, target, symlinks=True,
+                    ignore=lambda folder, _: {"windows"} if str(folder) == drive else set())
+    source, target = (pathlib.Path(folder) / "drive_c" / "windows" for folder in (source, target))
+    try:
+        shutil.copytree(source, target, symlinks=True, copy_function=os.link)
+    except (OSError, shutil.Error):  # the template is on another disk
+        shutil.rmtree(target, ignore_errors=True)
+        shutil.copytree(source, target, symlinks=True)
+
+
+def lay_down(prefix, build, seed):
+    """The files of an installation: the product as it was built, its policy, the stand-ins."""
+    drive = pathlib.Path(prefix) / "drive_c"
+    standins = build / "lab"
+    program, wireguard = drive / PROGRAM_FOLDER, drive / WIREGUARD_FOLDER
+    for folder in (program / "data", wireguard, drive / STAGE_FOLDER):
+        folder.mkdir(parents=True)
+    shutil.copy(build / "bin" / "telvor.exe", program)
+    for library in REPLACED_LIBRARIES:
+        shutil.copy(standins / f"{library}.dll", program)
+    shutil.copy(drive / "windows/system32/iphlpapi.dll", program / "iphlpapi_wine.dll")
+    for name in ("wireguard.exe", "wg.exe"):
+        shutil.copy(standins / name, wireguard)
+    (program / "data" / "runtime.seed").write_text(seed, encoding="utf-8")
+
+
+def needed_executables(build):
+    """The built files that lay_down and the pipe driver need."""
+    names = [f"{library}.dll" for library in REPLACED_LIBRARIES]
+    names += ["wireguard.exe", "wg.exe", "pipe_client.exe"]
+    return [build / "bin" / "telvor.exe"] + [build / "lab" / name for name in names]
+
+
+def remove(prefix):
+    with contextlib.suppress(FileNotFoundError):
+        shutil.rmtree(prefix)

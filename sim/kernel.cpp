@@ -1,0 +1,490 @@
+#include "kernel.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <utility>
+
+#include "device.h"
+#include "scheduler.h"
+
+namespace sim {
+namespace {
+
+constexpr int64_t kBootUnixTime = 1767225600;  // 2026-01-01 00:00:00 UTC
+constexpr uintptr_t kFirstHandle = 0x100;
+constexpr uintptr_t kHandleStep = 4;
+
+struct Action {
+  std::string operation;
+  std::string argumentsContain;
+  std::function<void()> run;
+  uint64_t callNumber = 0;  // 0: before the first fitting operation
+};
+
+struct Shortening {
+  std::string operation;
+  std::string argumentsContain;
+  uint32_t bytes;
+};
+
+struct HandleEntry {
+  std::shared_ptr<Object> object;
+  std::string origin;  // for the listing of leaks
+  uint32_t thread = 0;
+};
+
+struct Kernel {
+  std::vector<Fault> faults;
+  std::vector<Action> actions;
+  uint64_t calls = 0;
+  std::vector<Shortening> shortenings;
+  std::vector<TraceEntry> trace;
+  uint64_t firstInTrace = 1;  // the number of trace.front()
+  std::map<uintptr_t, HandleEntry> handles;
+  uintptr_t nextHandle = kFirstHandle;
+  size_t expectedOpenHandles = 0;
+  std::vector<std::string> leaks;
+  bool ending = false;  // the process is ending: its threads unwind
+};
+
+struct DeviceHooks {
+  void (*boot)();
+  void (*processEnded)();
+};
+
+Kernel gKernel;
+int64_t gUnixTimeAtZero = 0;  // the clock, were Now() 0, in milliseconds
+
+std::map<std::string, DeviceHooks>& Devices() {
+  static std::map<std::string, DeviceHooks> gDevices;
+  return gDevices;
+}
+
+void PrintAndAbort(const std::string& text) {
+  std::cerr << text << std::endl;
+  std::abort();
+}
+
+void (*gReportFailure)(const std::string&) = &PrintAndAbort;
+
+uintptr_t ValueOf(platform::Handle handle) {
+  return reinterpret_cast<uintptr_t>(handle);
+}
+
+void NoteLeak(uintptr_t value, const HandleEntry& entry) {
+  std::string text = entry.object->kind + ' ';
+  AppendValue(text, Hex{value});
+  gKernel.leaks.push_back(text + " from " + entry.origin);
+}
+
+// wmain has returned: what its other threads have open is theirs, not forgotten.
+void NoteLeaksOfEndedThreads(const Thread& main) {
+  for (const auto& [value, entry] : gKernel.handles) {
+    if (entry.thread == main.id || !ThreadRuns(entry.thread)) NoteLeak(value, entry);
+  }
+}
+
+void CloseAllHandles() {
+  const auto handles = std::exchange(gKernel.handles, {});
+  for (const auto& [value, entry] : handles) entry.object->Closed();
+}
+
+void FinishProcess() {
+  for (const auto& [name, hooks] : Devices()) {
+    if (hooks.processEnded) hooks.processEnded();
+  }
+  CloseAllHandles();
+  ResetProcessVariables();
+  gKernel.ending = false;
+}
+
+void ReportLeaks() {
+  if (gKernel.leaks.size() <= gKernel.expectedOpenHandles) return;
+  std::string text = std::to_string(gKernel.leaks.size()) + " handles left open, " +
+                     std::to_string(gKernel.expectedOpenHandles) + " expected:";
+  for (const std::string& leak : gKernel.leaks) text += "\n  " + leak;
+  ReportFailure(text);
+}
+
+bool Matches(const std::string& operation, const std::string& part, const char* called,
+             const std::string& arguments) {
+  return operation == called && (part.empty() || arguments.find(part) != std::string::npos);
+}
+
+bool Fits(const Action& action, const char* operation, const std::string& arguments) {
+  if (action.callNumber != 0) return action.callNumber == gKernel.calls;
+  return Matches(action.operation, action.argumentsContain, operation, arguments);
+}
+
+// Counts the call, and takes the first action that fits it out of the list.
+std::function<void()> TakeAction(const char* operation, const std::string& arguments) {
+  Guard guard;
+  ++gKernel.calls;
+  auto& actions = gKernel.actions;
+  for (auto place = actions.begin(); place != actions.end(); ++place) {
+    if (!Fits(*place, operation, arguments)) continue;
+    std::function<void()> run = std::move(place->run);
+    actions.erase(place);
+    return run;
+  }
+  return nullptr;
+}
+
+TraceEntry* FindTrace(uint64_t number) {
+  if (number < gKernel.firstInTrace) return nullptr;
+  return &gKernel.trace[number - gKernel.firstInTrace];
+}
+
+uint32_t& LastErrorPlace() {
+  thread_local uint32_t tOutside = 0;
+  Thread* thread = CurrentThread();
+  return thread && !Inspecting() ? thread->lastError : tOutside;
+}
+
+}  // namespace
+
+// ---- The machine ----
+
+Machine::Machine(const Options& options) {
+  gKernel = Kernel{};
+  BootScheduler(options);
+  SetUnixTime(kBootUnixTime);
+  for (const auto& [name, hooks] : Devices()) hooks.boot();
+  ResetProcessVariables();
+}
+
+// Only on a product thread do the calls in it throw.
+Machine::~Machine() {  // NOLINT(bugprone-exception-escape)
+  {
+    Guard guard;
+    if (!ThreadsRun(Thread::Owner::kProduct)) {
+      for (const auto& [value, entry] : gKernel.handles) NoteLeak(value, entry);
+    }
+  }
+  KillProcess();
+  {
+    Guard guard;
+    CondemnThreads(true);
+  }
+  WaitUntil(
+      "Machine::~Machine", [] { return !ThreadsRun(Thread::Owner::kClient); }, kForever);
+  ShutDownScheduler();
+  ReportLeaks();
+}
+
+Device::Device(const char* name, void (*boot)(), void (*processEnded)()) {
+  Devices().emplace(name, DeviceHooks{boot, processEnded});
+}
+
+void SetFailureReporter(void (*reporter)(const std::string& text)) {
+  gReportFailure = reporter;
+}
+void ReportFailure(const std::string& text) {
+  gReportFailure(text);
+}
+
+int64_t UnixTime() {
+  const int64_t milliseconds = gUnixTimeAtZero + static_cast<int64_t>(Now());
+  return milliseconds >= 0 ? milliseconds / 1000 : -((999 - milliseconds) / 1000);
+}
+
+void SetUnixTime(int64_t seconds) {
+  Guard guard;
+  gUnixTimeAtZero = seconds * 1000 - static_cast<int64_t>(Now());
+}
+
+void StartThread(const std::string& name, std::function<void()> start) {
+  AddThread(name, Thread::Owner::kProduct, std::move(start));
+}
+
+void StartClientThread(const std::string& name, std::function<void()> start) {
+  AddThread(name, Thread::Owner::kClient, std::move(start));
+}
+
+bool WaitUntil(const char* what, const std::function<bool()>& ready, uint64_t milliseconds) {
+  Thread* self = CurrentThread();
+  Guard guard;
+  if (Inspecting() && !ready()) ReportFailure(std::string("a condition or timer must not wait: ") + what);
+  if (!self || Inspecting() || ready()) return ready();
+  const char* outer = std::exchange(self->operation, what);
+  const bool held = Block(*self, ready, milliseconds);
+  self->operation = outer;
+  if (self->condemned && std::uncaught_exceptions() == 0) throw ProcessEnded{};
+  return held;
+}
+
+// ---- The end of the process ----
+
+void EndProcess(ProcessEnd end) {
+  if (Inspecting()) Deadlock("the process cannot be ended by a condition or a timer");
+  Thread& self = *CurrentThread();
+  Guard guard;
+  if (!gKernel.ending) {
+    gKernel.ending = true;
+    if (end == ProcessEnd::kExited) NoteLeaksOfEndedThreads(self);
+    CondemnThreads(false);
+  }
+  if (self.owner == Thread::Owner::kProduct) throw ProcessEnded{};
+  if (ThreadsRun(Thread::Owner::kProduct)) {
+    Block(
+        self, [] { return !gKernel.ending; }, kForever);
+  } else {
+    FinishProcess();
+  }
+}
+
+void KillProcess() {
+  EndProcess(ProcessEnd::kKilled);
+}
+
+void ThreadEnded(Thread&) {
+  if (gKernel.ending && !ThreadsRun(Thread::Owner::kProduct)) FinishProcess();
+}
+
+// ---- Faults ----
+
+void Fail(const Fault& fault) {
+  Guard guard;
+  gKernel.faults.push_back(fault);
+}
+
+void Shorten(const std::string& operation, uint32_t bytes, const std::string& argumentsContain) {
+  Guard guard;
+  gKernel.shortenings.push_back({operation, argumentsContain, bytes});
+}
+
+void ClearFaults() {
+  Guard guard;
+  gKernel.faults.clear();
+  gKernel.shortenings.clear();
+}
+
+void BeforeCall(uint64_t number, std::function<void()> action) {
+  Guard guard;
+  gKernel.actions.push_back({"", "", std::move(action), gKernel.calls + number});
+}
+
+void Before(const std::string& operation, std::function<void()> action, const std::string& argumentsContain) {
+  Guard guard;
+  gKernel.actions.push_back({operation, argumentsContain, std::move(action), 0});
+}
+
+// ---- Trace ----
+
+const std::vector<TraceEntry>& Trace() {
+  return gKernel.trace;
+}
+
+size_t CountCalls(const std::string& operation, const std::string& argumentsContain) {
+  Guard guard;
+  size_t count = 0;
+  for (const TraceEntry& entry : gKernel.trace) {
+    if (Matches(operation, argumentsContain, entry.operation.c_str(), entry.arguments)) ++count;
+  }
+  return count;
+}
+
+void ClearTrace() {
+  Guard guard;
+  gKernel.firstInTrace += gKernel.trace.size();
+  gKernel.trace.clear();
+}
+
+std::string TraceText() {
+  Guard guard;
+  std::string text;
+  for (const TraceEntry& entry : gKernel.trace) {
+    text += std::to_string(entry.time) + ' ' + std::to_string(entry.thread) + ' ' + entry.operation + ' ' +
+            entry.arguments + " -> " + entry.result + '\n';
+  }
+  return text;
+}
+
+// ---- Handles ----
+
+platform::Handle OpenHandle(std::shared_ptr<Object> object) {
+  Guard guard;
+  const uintptr_t value = gKernel.nextHandle;
+  gKernel.nextHandle += kHandleStep;
+  HandleEntry entry{std::move(object), "the driver", 0};
+  if (const Thread* thread = CurrentThread()) {
+    entry.thread = thread->id;
+    entry.origin = std::string(thread->operation) + " on thread " + std::to_string(thread->id) + " '" +
+                   thread->name + "' at " + std::to_string(Now());
+  }
+  gKernel.handles.emplace(value, std::move(entry));
+  return reinterpret_cast<platform::Handle>(
+      value);  // NOLINT(performance-no-int-to-ptr): a number, no address
+}
+
+std::shared_ptr<Object> FindObject(platform::Handle handle) {
+  Guard guard;
+  const auto found = gKernel.handles.find(ValueOf(handle));
+  return found == gKernel.handles.end() ? nullptr : found->second.object;
+}
+
+bool CloseObject(platform::Handle handle) {
+  Guard guard;
+  const auto found = gKernel.handles.find(ValueOf(handle));
+  if (found == gKernel.handles.end()) return false;
+  const std::shared_ptr<Object> object = found->second.object;
+  gKernel.handles.erase(found);
+  object->Closed();
+  return true;
+}
+
+void ForEachOpenObject(const std::function<void(Object&)>& visit) {
+  Guard guard;
+  for (const auto& [value, entry] : gKernel.handles) visit(*entry.object);
+}
+
+void ReportMisuse(const char* operation, platform::Handle handle) {
+  if (!handle || handle == platform::InvalidHandle()) return;
+  const std::shared_ptr<Object> object = FindObject(handle);
+  std::string text = operation + std::string(" on handle ");
+  AppendValue(text, handle);
+  if (object) {
+    text += ", which is a " + object->kind;
+  } else if (ValueOf(handle) < gKernel.nextHandle) {
+    text += ", which is closed";
+  } else {
+    text += ", which never was one";
+  }
+  ReportFailure(text);
+}
+
+size_t OpenHandles(const std::string& kind) {
+  Guard guard;
+  if (kind.empty()) return gKernel.handles.size();
+  size_t count = 0;
+  for (const auto& [value, entry] : gKernel.handles) {
+    if (entry.object->kind == kind) ++count;
+  }
+  return count;
+}
+
+void ExpectOpenHandles(size_t count) {
+  gKernel.expectedOpenHandles = count;
+}
+
+uint32_t LastError() {
+  return LastErrorPlace();
+}
+void SetLastError(uint32_t code) {
+  LastErrorPlace() = code;
+}
+
+// ---- The platform call ----
+
+Call::Call(const char* operation, std::string arguments, Kind kind)
+    : operation_(operation), arguments_(std::move(arguments)) {
+  inert_ = !CurrentThread() || !MachineRuns() || Inspecting();
+  if (inert_) {
+    lock_.emplace();
+    return;
+  }
+  try {
+    Enter();
+  } catch (const ProcessEnded&) {
+    if (kind == Kind::kOrdinary && std::uncaught_exceptions() == 0) throw;
+    Die();
+  }
+}
+
+void Call::Enter() {
+  Thread& self = *CurrentThread();
+  SchedulingPoint(self);
+  if (const auto action = TakeAction(operation_, arguments_)) action();
+  lock_.emplace();
+  if (self.condemned) throw ProcessEnded{};
+  outerOperation_ = std::exchange(self.operation, operation_);
+  outerArguments_ = std::exchange(self.arguments, &arguments_);
+  entered_ = true;
+  BeginTrace();
+  ApplyFaults();
+}
+
+void Call::Die() {
+  dead_ = true;
+  fault_ = kErrorOperationAborted;
+  SetLastError(kErrorOperationAborted);
+}
+
+void Call::BeginTrace() {
+  gKernel.trace.push_back({Now(), CurrentThread()->id, operation_, arguments_, "", false});
+  traceNumber_ = gKernel.firstInTrace + gKernel.trace.size() - 1;
+}
+
+void Call::ApplyFaults() {
+  for (Fault& fault : gKernel.faults) {
+    if (!Matches(fault.operation, fault.argumentsContain, operation_, arguments_)) continue;
+    if (fault.skip > 0) {
+      --fault.skip;
+      continue;
+    }
+    if (fault.times == 0) continue;
+    if (fault.times != UINT32_MAX) --fault.times;
+    fault_ = fault.code;
+    return;
+  }
+}
+
+Call::~Call() {
+  if (!entered_) return;
+  Thread& self = *CurrentThread();
+  self.operation = outerOperation_;
+  self.arguments = outerArguments_;
+  TraceEntry* entry = FindTrace(traceNumber_);
+  if (!entry) return;
+  entry->result = result_.empty() ? "ok" : std::move(result_);
+}
+
+bool Call::Faulted() {
+  if (TraceEntry* entry = entered_ ? FindTrace(traceNumber_) : nullptr) entry->canFail = true;
+  if (!fault_) return false;
+  Fail(*fault_);
+  return true;
+}
+
+void Call::SetResult(std::string result) {
+  result_ = std::move(result);
+}
+
+bool Call::Fail(uint32_t code) {
+  SetLastError(code);
+  result_ = "failed " + std::to_string(code);
+  return false;
+}
+
+uint32_t Call::Shortened(uint32_t size) {
+  auto& shortenings = gKernel.shortenings;
+  for (auto place = shortenings.begin(); place != shortenings.end(); ++place) {
+    if (!Matches(place->operation, place->argumentsContain, operation_, arguments_)) continue;
+    size = std::min(size, place->bytes);
+    shortenings.erase(place);
+    return size;
+  }
+  return size;
+}
+
+uint32_t Call::Status(uint32_t code) {
+  result_ = code == 0 ? "ok" : "failed " + std::to_string(code);
+  return code;
+}
+
+bool Call::WaitFor(const std::function<bool()>& ready, uint32_t milliseconds) {
+  if (dead_) return false;
+  if (ready()) return true;
+  if (inert_ || milliseconds == 0) return false;
+  Thread& self = *CurrentThread();
+  const bool held = Block(self, ready, milliseconds == platform::kInfinite ? kForever : milliseconds);
+  if (!self.condemned) return held;
+  Die();
+  result_ = "the process ended";
+  if (std::uncaught_exceptions() == 0) throw ProcessEnded{};
+  return false;
+}
+
+}  // namespace sim

@@ -1,0 +1,82 @@
+// The arguments and results of platform calls as the trace shows them.
+#pragma once
+
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+
+#include "kernel.h"
+
+namespace sim {
+
+// A number shown in hexadecimal.
+struct Hex {
+  uint64_t value;
+};
+
+inline void AppendValue(std::string& out, bool value) {
+  out += value ? "true" : "false";
+}
+template <class T>
+requires std::is_integral_v<T>
+void AppendValue(std::string& out, T value) {
+  out += std::to_string(value);
+}
+inline void AppendValue(std::string& out, Hex number) {
+  std::array<char, 16> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number.value, 16).ptr;
+  out += "0x";
+  out.append(digits.data(), end);
+}
+inline void AppendValue(std::string& out, const std::string& text) {
+  out += '"' + text + '"';
+}
+inline void AppendValue(std::string& out, const char* text) {
+  AppendValue(out, std::string(text));
+}
+inline void AppendValue(std::string& out, const std::wstring& text) {
+  AppendValue(out, Narrow(text));
+}
+inline void AppendValue(std::string& out, const wchar_t* text) {
+  if (text) AppendValue(out, Narrow(text));
+  if (!text) out += "null";
+}
+// A handle. Real addresses differ from run to run and are not shown.
+inline void AppendValue(std::string& out, const void* handle) {
+  const auto value = reinterpret_cast<uintptr_t>(handle);
+  if (!handle) {
+    out += "null";
+  } else if (value == UINTPTR_MAX) {
+    out += "invalid";
+  } else if (value > UINT32_MAX) {
+    out += "address";
+  } else {
+    AppendValue(out, Hex{value});
+  }
+}
+
+inline void AppendArguments(std::string&) {}
+template <class T, class... Rest>
+void AppendArguments(std::string& out, const char* name, const T& value, const Rest&... rest) {
+  if (!out.empty()) out += ' ';
+  out += name;
+  out += '=';
+  if constexpr (std::is_array_v<T>) {
+    AppendValue(out, &value[0]);
+  } else {
+    AppendValue(out, value);
+  }
+  AppendArguments(out, rest...);
+}
+
+// "name=value name=value ..." of alternating names and values.
+template <class... Pairs>
+std::string Args(const Pairs&... pairs) {
+  std::string out;
+  AppendArguments(out, pairs...);
+  return out;
+}
+
+}  // namespace sim

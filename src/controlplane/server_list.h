@@ -1,0 +1,13 @@
+// The two scanners for the catalogue's `servers` array.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The texts of the objects of the array behind `"servers":`, braces included. True if the array was walked to
+// its closing bracket.
+bool ExtractServersArrayObjects(std::string_view body, std::vector<std::string_view>& objects);
+
+// A bare JSON number without exponent. On false `value` is untouched.
+bool ExtractJsonNumberField(std::string_view object, const char* key, double& value);

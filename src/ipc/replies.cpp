@@ -1,0 +1,28 @@
+#include "ipc/replies.h"
+
+#include "controlplane/json_text.h"
+
+namespace {
+
+std::string Envelope(int32_t id, const std::string& result, const std::string& error) {
+  return "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) + ",\"result\":" + result +
+         ",\"error\":" + error + "}";
+}
+
+}  // namespace
+
+std::string JsonQuote(const std::string& text) {
+  return "\"" + JsonEscape(text) + "\"";
+}
+
+std::string JsonQuoteOrNull(const std::string& text) {
+  return text.empty() ? "null" : JsonQuote(text);
+}
+
+std::string ResultReply(int32_t id, const std::string& result) {
+  return Envelope(id, result, "null");
+}
+
+std::string ErrorReply(int32_t id, const std::string& message) {
+  return Envelope(id, "null", "{\"message\":" + JsonQuote(message) + "}");
+}

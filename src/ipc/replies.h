@@ -1,0 +1,17 @@
+// The shapes of replies, JSON-RPC 2.0 in outward form, without line end.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// A double quote, JsonEscape of the text, a double quote.
+std::string JsonQuote(const std::string& text);
+
+// The bare word null for an empty text, else JsonQuote.
+std::string JsonQuoteOrNull(const std::string& text);
+
+// `result` stands as given behind "result":, even when it is empty.
+std::string ResultReply(int32_t id, const std::string& result);
+
+// A null result and an error with the message.
+std::string ErrorReply(int32_t id, const std::string& message);

@@ -1,0 +1,164 @@
+#include "service/data_files.h"
+
+#include <algorithm>
+
+#include "controlplane/text.h"
+#include "service/platform.h"
+
+namespace {
+
+constexpr int64_t kLongestTextFile = int64_t{10} * 1024 * 1024;  // bytes
+constexpr uint32_t kLargestRead = 1u << 30;                      // bytes of one ReadFile
+
+// EXPLICIT_ACCESS_W values (accctrl.h).
+constexpr uint32_t kModifyRights = 0x001301BF;  // read, write, execute and delete
+constexpr uint32_t kGrantAccess = 1;
+constexpr uint32_t kInheritedByFilesAndFolders = 3;
+constexpr uint32_t kTrusteeIsName = 1;
+constexpr uint32_t kTrusteeIsGroup = 2;
+
+// Opens as a stream for reading does: others may read and write.
+platform::Handle OpenForReading(const std::wstring& path) {
+  return platform::CreateFileW(path, platform::kGenericRead,
+                               platform::kFileShareRead | platform::kFileShareWrite, platform::kOpenExisting,
+                               platform::kFileAttributeNormal);
+}
+
+void ReadToEnd(platform::Handle file, std::string& bytes) {
+  int64_t size = 0;
+  platform::GetFileSizeEx(file, size);
+  bytes.resize(static_cast<size_t>(size));
+  size_t used = 0;
+  while (used < bytes.size()) {
+    const auto wanted = static_cast<uint32_t>(std::min<size_t>(bytes.size() - used, kLargestRead));
+    uint32_t read = 0;
+    if (!platform::ReadFile(file, bytes.data() + used, wanted, read) || read == 0) break;
+    used += read;
+  }
+  bytes.resize(used);
+}
+
+}  // namespace
+
+bool EnsureDirectory(const std::wstring& directory) {
+  const auto made = [&directory] {
+    if (directory.starts_with(kDataRoot)) ApplyDataDirAcl(kDataRoot);
+    return true;
+  };
+  if (platform::CreateDirectoryW(directory)) return made();
+  const uint32_t error = platform::GetLastError();
+  if (error != platform::kErrorPathNotFound) return error == platform::kErrorAlreadyExists;
+  platform::CreateDirectoryW(kDataRoot);
+  if (platform::CreateDirectoryW(directory)) return made();
+  return platform::GetLastError() == platform::kErrorAlreadyExists;
+}
+
+bool EnsureParentDirForFile(const std::wstring& path) {
+  const size_t separator = path.find_last_of(L"\\/");
+  if (separator == std::wstring::npos || separator == 0) return false;
+  return EnsureDirectory(path.substr(0, separator));
+}
+
+void ApplyDataDirAcl(const std::wstring& path) {
+  void* dacl = nullptr;
+  void* descriptor = nullptr;
+  if (platform::GetNamedSecurityInfoW(path, platform::kSeFileObject, platform::kDaclSecurityInformation, dacl,
+                                      descriptor) != platform::kErrorSuccess) {
+    return;
+  }
+  // Wanted: the English group name, not the well-known SID.
+  const platform::ExplicitAccess entry{kModifyRights,  kGrantAccess,    kInheritedByFilesAndFolders,
+                                       kTrusteeIsName, kTrusteeIsGroup, L"Users"};
+  void* newDacl = nullptr;
+  if (platform::SetEntriesInAclW(entry, dacl, newDacl) == platform::kErrorSuccess) {
+    platform::SetNamedSecurityInfoW(path, platform::kSeFileObject, platform::kDaclSecurityInformation,
+                                    newDacl);
+    platform::LocalFree(newDacl);
+  }
+  platform::LocalFree(descriptor);
+}
+
+void ApplyDataDirAclRecursive(const std::wstring& directory) {
+  ApplyDataDirAcl(directory);
+  platform::FindData entry;
+  platform::Handle search = platform::FindFirstFileW(directory + L"\\*", entry);
+  if (search == platform::InvalidHandle()) return;
+  do {
+    if (entry.name == L"." || entry.name == L"..") continue;
+    const std::wstring path = directory + L"\\" + entry.name;
+    ApplyDataDirAcl(path);
+    if (entry.attributes & platform::kFileAttributeDirectory) ApplyDataDirAclRecursive(path);
+  } while (platform::FindNextFileW(search, entry));
+  platform::FindClose(search);
+}
+
+WriteResult WriteNewFile(const std::wstring& path, const std::string& bytes, uint32_t share, bool flush) {
+  platform::Handle file = platform::CreateFileW(path, platform::kGenericWrite, share, platform::kCreateAlways,
+                                                platform::kFileAttributeNormal);
+  if (file == platform::InvalidHandle()) return WriteResult::kNotOpened;
+  uint32_t written = 0;
+  const bool ok = platform::WriteFile(file, bytes.data(), static_cast<uint32_t>(bytes.size()), written);
+  if (flush) platform::FlushFileBuffers(file);
+  platform::CloseHandle(file);
+  return ok && written == bytes.size() ? WriteResult::kWritten : WriteResult::kFailed;
+}
+
+bool WriteFileAtomic(const std::wstring& path, const std::string& bytes) {
+  const std::wstring temporary = path + L".tmp";
+  const WriteResult result = WriteNewFile(temporary, bytes, platform::kFileShareNone, true);
+  if (result == WriteResult::kNotOpened) return false;
+  if (result == WriteResult::kWritten &&
+      platform::MoveFileExW(temporary, path,
+                            platform::kMoveFileReplaceExisting | platform::kMoveFileWriteThrough)) {
+    return true;
+  }
+  platform::DeleteFileW(temporary);
+  return false;
+}
+
+bool WriteTextFile(const std::wstring& path, const std::wstring& text) {
+  return WriteNewFile(path, WideToUtf8(text), platform::kFileShareNone, true) == WriteResult::kWritten;
+}
+
+bool ReadTextFileTrimmed(const std::wstring& path, std::wstring& text) {
+  text.clear();
+  platform::Handle file = platform::CreateFileW(path, platform::kGenericRead, platform::kFileShareRead,
+                                                platform::kOpenExisting, platform::kFileAttributeNormal);
+  if (file == platform::InvalidHandle()) return false;
+  int64_t size = 0;
+  std::string bytes;
+  bool whole = platform::GetFileSizeEx(file, size) && size >= 1 && size <= kLongestTextFile;
+  if (whole) {
+    bytes.resize(static_cast<size_t>(size));
+    uint32_t read = 0;
+    whole = platform::ReadFile(file, bytes.data(), static_cast<uint32_t>(size), read) && read == bytes.size();
+  }
+  platform::CloseHandle(file);
+  if (!whole) return false;
+  text = TrimWide(Utf8ToWide(bytes));
+  return !text.empty();
+}
+
+bool ReadWholeFile(const std::wstring& path, std::string& bytes) {
+  bytes.clear();
+  platform::Handle file = OpenForReading(path);
+  if (file == platform::InvalidHandle()) return false;
+  ReadToEnd(file, bytes);
+  platform::CloseHandle(file);
+  return true;
+}
+
+bool ProtectToFile(const std::wstring& path, const std::string& bytes) {
+  std::string blob;
+  if (!platform::CryptProtectData(bytes, nullptr, platform::kCryptProtectLocalMachine, blob)) return false;
+  if (!EnsureParentDirForFile(path)) return false;
+  return WriteNewFile(path, blob, platform::kFileShareRead | platform::kFileShareWrite, false) ==
+         WriteResult::kWritten;
+}
+
+bool UnprotectFromFile(const std::wstring& path, std::string& bytes) {
+  bytes.clear();
+  std::string blob;
+  if (!ReadWholeFile(path, blob) || blob.empty()) return false;
+  return platform::CryptUnprotectData(blob, 0, bytes);
+}

@@ -1,0 +1,47 @@
+// What the users of the built-in base URL do when it cannot be parsed. This program is built with such a URL.
+#include <gtest/gtest.h>
+
+#include "controlplane/base_url.h"
+#include "firewall/baseline.h"
+#include "firewall/bypass_allowlist.h"
+#include "tests/firewall/firewall_fixture.h"
+
+namespace {
+
+using namespace firewall_test;
+
+TEST(BadBaseUrl, CostsTheBaselineItsPinsAlone) {
+  sim::Machine machine;
+  sim::SetHost(kControlPlaneHost, {"10.99.0.1"});
+  EXPECT_TRUE(EnableFailClosedBaseline(L"", 42));
+  const Lines log = sim::LogLines();
+  ASSERT_GE(log.size(), 4u);
+  EXPECT_EQ(Lines(log.end() - 4, log.end()),
+            (Lines{"WFP: AddAllowAllOutboundOnIfIndexV6 OK",
+                   "CP immediate DNS refresh (baseline): base=http://cp.telvor.test:8443/",
+                   "CP immediate DNS refresh (baseline): ParseHttpsBaseUrl FAILED for "
+                   "base=http://cp.telvor.test:8443/",
+                   "WFP: Transaction COMMIT OK"}));
+  EXPECT_EQ(InForce().size(), 13u);
+  EXPECT_EQ(sim::CountCalls("GetAddrInfoW"), 0u);
+}
+
+TEST(BadBaseUrl, IsPassedOverSilentlyByTheBypassUpdate) {
+  sim::Machine machine;
+  sim::SetHost(kControlPlaneHost, {"10.99.0.1"});
+  EXPECT_TRUE(UpdateSplitTunnelBypassAllowlistV4({L"10.1.2.3"}));
+  EXPECT_EQ(sim::LogLines(), (Lines{"WFP: UpdateSplitTunnelBypassAllowlistV4 ENTER count=1",
+                                    "CP immediate DNS refresh (update): base=http://cp.telvor.test:8443/",
+                                    "WFP: UpdateSplitTunnelBypassAllowlistV4 COMMIT OK"}));
+  EXPECT_EQ(InForce(), Lines(2, "TELVOR:ALLOW split-bypass v4:10.1.2.3"));
+  EXPECT_EQ(sim::CountCalls("GetAddrInfoW"), 0u);
+}
+
+TEST(BadBaseUrl, BecomesTheBaseOfTheAccountCallsAsItStands) {
+  sim::Machine machine;
+  gCpBaseUrl = L"https://other.test";
+  InitCpBaseUrl();
+  EXPECT_EQ(gCpBaseUrl, L"http://cp.telvor.test:8443/");
+}
+
+}  // namespace
