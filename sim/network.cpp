@@ -2,8 +2,6 @@
 #include "network.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <map>
 #include <optional>
 
