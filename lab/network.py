@@ -61,7 +61,7 @@ def names():
 
 def enter(number, folder, name):
     """The words that start a command on a machine: its namespace, its host name, its WireGuard sockets."""
-    script = 'hostname "$1" && mount --bind "$2" "$3" && shift 3 && exec "$@"'
+    script = 'hostname "$1" && mkdir -p "$3" && mount --bind "$2" "$3" && shift 3 && exec "$@"'
     return ["ip", "netns", "exec", namespace(number, name), "unshare", "--uts",
             "sh", "-c", script, "enter", host_name(name),
             str(sockets_folder(folder, name)), str(WIREGUARD_SOCKETS)]
@@ -78,7 +78,6 @@ def sockets_folder(folder, name):
 
 def create(number, folder, ca_pem):
     """Makes all machines, links and routes, and what the client finds under /etc."""
-    WIREGUARD_SOCKETS.mkdir(parents=True, exist_ok=True)
     for name in names():
         sockets_folder(folder, name).mkdir(parents=True)
         _ip("netns", "add", namespace(number, name))
@@ -156,9 +155,11 @@ def destroy(number):
         _ip("netns", "del", namespace(number, name))
     for name in names():
         shutil.rmtree(NETNS_FOLDER / namespace(number, name), ignore_errors=True)
-    for folder in (NETNS_FOLDER, WIREGUARD_SOCKETS):
+    # Other laboratories need the socket folder as something to mount over: to them it does not have to hold
+    # anything, so that it goes with the last of them.
+    for folder in (NETNS_FOLDER,) if numbers() else (NETNS_FOLDER, WIREGUARD_SOCKETS):
         with contextlib.suppress(OSError):
-            folder.rmdir()  # only when nobody else has anything in it
+            folder.rmdir()  # fails while anybody has anything in it, as it should
 
 
 def _are_gone(number, machines):

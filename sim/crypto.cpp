@@ -1,4 +1,5 @@
 // Random bytes, Base64, and data protection that opens only on the machine that sealed.
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <string>
@@ -201,7 +202,7 @@ bool CryptStringToBinaryA(const std::string& text, uint32_t flags, uint8_t* buff
   const bool fits = !buffer || size >= needed;
   size = needed;
   if (!fits) return call.Fail(sim::kErrorMoreData);
-  if (buffer) std::memcpy(buffer, bytes.data(), bytes.size());
+  if (buffer) std::copy(bytes.begin(), bytes.end(), buffer);
   return true;
 }
 
@@ -222,7 +223,7 @@ bool CryptBinaryToStringA(const uint8_t* bytes, uint32_t length, uint32_t flags,
     size = needed;
     return call.Fail(sim::kErrorMoreData);
   }
-  std::memcpy(buffer, text.c_str(), needed);
+  std::copy_n(text.c_str(), needed, buffer);
   size = needed - 1;
   return true;
 }

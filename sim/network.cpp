@@ -145,6 +145,7 @@ HostAnswers AnswersOf(const std::vector<std::vector<std::string>>& texts, uint32
   host.milliseconds = milliseconds;
   for (const auto& answer : texts) {
     std::vector<uint32_t> addresses;
+    addresses.reserve(answer.size());
     for (const std::string& text : answer) addresses.push_back(AddressOf(text));
     host.answers.push_back(addresses);
   }
@@ -221,6 +222,7 @@ const std::vector<platform::MibIpForwardRow2>& Routes() {
 std::vector<std::string> RouteTexts() {
   Guard guard;
   std::vector<std::string> texts;
+  texts.reserve(gRoutes.size());
   for (const auto& row : gRoutes) texts.push_back(RouteText(row));
   return texts;
 }

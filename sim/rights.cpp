@@ -26,7 +26,7 @@ const Device kDevice("rights", [] { gGrants.clear(); });
 
 std::shared_ptr<AccessList> FindList(void* acl) {
   const uintptr_t value = reinterpret_cast<uintptr_t>(acl) & ~kInsideDescriptor;
-  return Find<AccessList>(reinterpret_cast<platform::Handle>(value));
+  return Find<AccessList>(reinterpret_cast<platform::Handle>(value));  // NOLINT(performance-no-int-to-ptr)
 }
 
 }  // namespace
@@ -49,7 +49,8 @@ uint32_t GetNamedSecurityInfoW(const std::wstring& path, uint32_t objectType, ui
   if (call.Faulted()) return call.FaultCode();
   if (!sim::FileExists(path) && !sim::FolderExists(path)) return call.Status(sim::kErrorFileNotFound);
   descriptor = sim::OpenHandle(std::make_shared<sim::AccessList>());
-  dacl = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(descriptor) | sim::kInsideDescriptor);
+  const uintptr_t inside = reinterpret_cast<uintptr_t>(descriptor) | sim::kInsideDescriptor;
+  dacl = reinterpret_cast<void*>(inside);  // NOLINT(performance-no-int-to-ptr): a number, no address
   return call.Status(0);
 }
 

@@ -84,7 +84,8 @@ std::vector<platform::ServiceStatus> gReports;
 
 // What RegisterServiceCtrlHandlerExW gives; it is never closed.
 platform::Handle StatusHandle() {
-  return reinterpret_cast<platform::Handle>(static_cast<uintptr_t>(0x20));
+  static char gStatus = 0;
+  return &gStatus;
 }
 
 RecordPointer FindRecord(const std::wstring& name) {
@@ -213,6 +214,7 @@ void RunMain(const std::vector<std::wstring>& arguments) {
   std::vector<std::wstring> texts = {L"C:\\Program Files\\TELVOR\\telvor.exe"};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
   std::vector<wchar_t*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::wstring& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   const int result = wmain(static_cast<int>(texts.size()), pointers.data());

@@ -1,5 +1,4 @@
 // Conversion between UTF-8 and UTF-16 by the rules of MultiByteToWideChar and WideCharToMultiByte.
-#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -131,7 +130,7 @@ int HandOut(Call& call, const std::basic_string<Character>& text, Character* out
       call.Fail(kErrorInsufficientBuffer);
       return 0;
     }
-    std::memcpy(out, text.data(), text.size() * sizeof(Character));
+    text.copy(out, text.size());
   }
   call.SetResult(std::to_string(length));
   return length;

@@ -66,7 +66,7 @@ void Logout() {
   platform::DeleteFileW(kSessionFile);
   platform::DeleteFileW(kLegacyTokenFile);
   ForgetServers();
-  gAuthRequired = true;
+  gAuthRequired.exchange(true);
   SetLastErrorText(L"AUTH_REQUIRED");
   WriteDisconnectIntent();
   gWorkerOperations.RollbackToOpen();

@@ -106,6 +106,7 @@ bool EnsureDevice(Attempt& attempt) {
     LogLine(L"Bootstrap: EnsureWgKeyUploaded failed");
     return false;
   }
+  // Wanted: only the calls from here on use the id in lower case.
   attempt.deviceId = TrimWide(attempt.deviceId);
   for (wchar_t& unit : attempt.deviceId)
     unit = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(unit)));

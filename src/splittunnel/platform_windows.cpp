@@ -30,7 +30,7 @@ uint32_t GetAdaptersAddresses(uint32_t family, uint32_t flags, uint32_t& size,
   if (code != NO_ERROR || adapters == nullptr) return code;
   adapters->clear();
   for (const IP_ADAPTER_ADDRESSES* adapter = first; adapter != nullptr; adapter = adapter->Next) {
-    adapters->push_back({adapter->FriendlyName, adapter->IfIndex});
+    adapters->push_back({adapter->FriendlyName ? adapter->FriendlyName : L"", adapter->IfIndex});
   }
   return code;
 }

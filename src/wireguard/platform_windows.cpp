@@ -56,7 +56,8 @@ bool EnumServicesStatusExW(Handle manager, uint32_t level, uint32_t type, uint32
   entries.clear();
   const auto* services = reinterpret_cast<const ENUM_SERVICE_STATUS_PROCESSW*>(buffer.get());
   for (DWORD i = 0; i < count; ++i) {
-    entries.push_back({services[i].lpServiceName, services[i].ServiceStatusProcess.dwCurrentState});
+    const wchar_t* name = services[i].lpServiceName ? services[i].lpServiceName : L"";
+    entries.push_back({name, services[i].ServiceStatusProcess.dwCurrentState});
   }
   return ok;
 }

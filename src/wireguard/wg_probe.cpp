@@ -45,13 +45,19 @@ bool ReadTransferWords(std::wstring_view line, std::array<std::wstring, 3>& word
   return true;
 }
 
+// Throws std::logic_error for a word that does not begin with a digit, a sign included, or is out of range.
+uint64_t TransferNumber(const std::wstring& word) {
+  if (word.front() < L'0' || word.front() > L'9') throw std::invalid_argument("no digits");
+  return std::stoull(word);
+}
+
 void AddTransferLine(std::wstring_view line, uint64_t& rx, uint64_t& tx) {
   std::array<std::wstring, 3> words;
   if (!ReadTransferWords(TrimBlanks(line), words)) return;
   // Wanted: when the second number cannot be read, the first stays added.
   try {
-    rx += std::stoull(words[1]);
-    tx += std::stoull(words[2]);
+    rx += TransferNumber(words[1]);
+    tx += TransferNumber(words[2]);
   } catch (const std::logic_error&) {
   }
 }

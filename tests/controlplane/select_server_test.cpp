@@ -34,12 +34,12 @@ TEST(CpSelectServer, SendsTheThreeShapesInOrder) {
 TEST(CpSelectServer, EscapesTheIdsInTheBodiesOnly) {
   sim::Machine machine;
   AnswerInTurn({Answer(404), Answer(404), Answer(200)});
-  EXPECT_TRUE(CpSelectServer(kBase, L"token", L"p\u00E9%c", "7\"\\"));
+  EXPECT_TRUE(CpSelectServer(kBase, L"token", L"p\"\u00E9%c", "7\"\\"));
   EXPECT_EQ(SentBodies(), Lines({R"({"wg_server_id":"7\"\\"})", R"({"server_id":"7\"\\"})",
-                                 "{\"device_id\":\"p\xC3\xA9%c\",\"server_id\":\"7\\\"\\\\\"}"}));
+                                 "{\"device_id\":\"p\\\"\xC3\xA9%c\",\"server_id\":\"7\\\"\\\\\"}"}));
   ASSERT_EQ(sim::HttpRequests().size(), 3U);
-  EXPECT_EQ(sim::HttpRequests()[0].path, L"/v1/devices/p\u00E9%c/wg-server");
-  EXPECT_EQ(sim::HttpRequests()[1].path, L"/v1/devices/p\u00E9%c/server");
+  EXPECT_EQ(sim::HttpRequests()[0].path, L"/v1/devices/p\"\u00E9%c/wg-server");
+  EXPECT_EQ(sim::HttpRequests()[1].path, L"/v1/devices/p\"\u00E9%c/server");
 }
 
 TEST(CpSelectServer, TheFirst2xxEndsIt) {

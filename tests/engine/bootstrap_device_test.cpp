@@ -83,17 +83,17 @@ TEST(BootstrapDevice, AStoredIdOutlivesARenaming) {
   EXPECT_EQ(sim::LogCount("other"), 0u);
 }
 
-TEST(BootstrapDevice, SelectsAndAsksForTheProfileByTheIdInLowerCase) {
+TEST(BootstrapDevice, UsesTheIdInLowerCaseFromTheSelectionOn) {
   BootstrapRun run;
   sim::PutFile(kDeviceIdFile, " My-PC\r\n");
   run.AnswerTo("PUT /v1/devices/My-PC/wg-key", {Answer(200)});
-  run.AnswerTo("PUT /v1/devices/my-pc/wg-key", {Answer(200)});
   run.AnswerTo("PUT /v1/devices/my-pc/wg-server", {Answer(200)});
   run.AnswerTo("GET /v1/devices/my-pc/wg-profile", {Answer(200, kFullProfile)});
   EXPECT_TRUE(Bootstrap());
   EXPECT_TRUE(sim::LogHas("Bootstrap: device_id = my-pc"));
   const Lines sent = Sent();
   ASSERT_EQ(sent.size(), 5u);
+  EXPECT_EQ(sent[2], "PUT /v1/devices/My-PC/wg-key");
   EXPECT_EQ(sent[3], "PUT /v1/devices/my-pc/wg-server");
   EXPECT_EQ(sent[4], "GET /v1/devices/my-pc/wg-profile");
 }

@@ -33,6 +33,17 @@ TEST(WorkerHandshake, AFailureOpensTheFirewallAndTriesAgain) {
   EXPECT_EQ(Gaps(fake::Times("Bootstrap")), std::vector<uint64_t>{1000});
 }
 
+// Whatever another thread made of the status meanwhile.
+TEST(WorkerHandshake, AFailureShowsConnectingAgain) {
+  WorkerRun run;
+  fake::gState.refusing = {"WgHandshakeSeen"};
+  fake::OnCall("WgHandshakeSeen", 1, [] { gTunnelStatus = 0; });
+  WriteConnectIntent();
+  run.Start();
+  sim::Run(500);
+  EXPECT_EQ(gTunnelStatus, 1);
+}
+
 TEST(WorkerHandshake, ThreeFailuresParkInError) {
   WorkerRun run;
   StartParked(run);

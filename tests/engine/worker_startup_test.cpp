@@ -197,4 +197,15 @@ TEST(WorkerStartUp, AnExceptionBeforeTheGuardEndsTheProcess) {
   run.Forget();
 }
 
+TEST(WorkerStartUp, TheGuardBeginsBehindTheSecondDropFile) {
+  WorkerRun run;
+  platform::SetTerminate([] { platform::Abort(); });
+  sim::Before(
+      "CreateFileW", [] { throw std::runtime_error("step1"); }, "step1.txt");
+  run.Start();
+  EXPECT_TRUE(sim::RunUntil(sim::ProcessAborted, 1000));
+  EXPECT_FALSE(sim::FileExists(L"C:\\ProgramData\\TELVOR\\cpp_exception.txt"));
+  run.Forget();
+}
+
 }  // namespace

@@ -112,6 +112,7 @@ TEST(ServiceStart, WithoutAWorkerItReportsStoppedWithTheError) {
   ServiceRun run;
   sim::Fail({.operation = "CreateThread", .code = 8});
   platform::Handle stopEvent = platform::InvalidHandle();
+  LetTheProcessLinger();
   sim::Before(
       "CreateFileW", [&] { stopEvent = gStopEvent; }, "04-after-runasservice.txt");
   run.Start();

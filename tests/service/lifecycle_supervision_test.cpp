@@ -110,8 +110,8 @@ TEST(ServiceSupervision, EndsInOrderWhenTheRestartFails) {
 TEST(ServiceSupervision, EndsInOrderWhenTheWaitFails) {
   ServiceRun run;
   sim::Fail({.operation = "WaitForMultipleObjects", .code = 6});
-  run.StartAndWaitForRunning();
   const uint64_t started = sim::Now();
+  run.StartAndWaitForRunning();
   run.WaitForEnd();
   EXPECT_EQ(LinesBehindRunning(),
             (Lines{"ServiceMain: WaitForMultipleObjects failed. GLE=6", "Service STOPPED."}));

@@ -226,6 +226,7 @@ TEST(WfpLogLine, WritesNothingWithoutAUtf8Form) {
   sim::Fail({.operation = "WideCharToMultiByte", .code = 1113, .times = UINT32_MAX});
   WfpLogLine(L"a");
   EXPECT_EQ(sim::LogBytes(), "");
+  EXPECT_EQ(sim::CountCalls("WriteFile"), 0u);
   EXPECT_EQ(sim::OpenHandles(), 0u);
 }
 

@@ -29,9 +29,11 @@ class ServiceRun {
     sim::StartProduct(true);
   }
 
+  // Until every thread has come to its first wait.
   void StartAndWaitForRunning() {
     Start();
     ASSERT_TRUE(sim::RunUntil([] { return sim::LogHas("Service RUNNING."); }, 1000));
+    sim::Run(1);
   }
 
   // By a terminal, with these arguments.
@@ -48,6 +50,12 @@ class ServiceRun {
   sim::Machine machine_;
   WorkerOperations operations_;
 };
+
+// The process ends right behind its STOPPED report; with this it lives on for a second, to see its own end.
+inline void LetTheProcessLinger() {
+  sim::Before(
+      "CreateFileW", [] { platform::Sleep(1000); }, "13-dispatch-returned.txt");
+}
 
 // What the supervising thread and the control handler logged, without the worker's lines.
 inline Lines ServiceLines() {

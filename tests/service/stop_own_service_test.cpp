@@ -13,12 +13,6 @@ std::vector<uint64_t> TimesOf(const std::string& operation) {
   return times;
 }
 
-// The process ends right behind its STOPPED report; here it lives on for a second, to see its own end.
-void LetTheProcessLinger() {
-  sim::Before(
-      "CreateFileW", [] { platform::Sleep(1000); }, "13-dispatch-returned.txt");
-}
-
 const std::vector<std::string> kManagerOperations = {
     "OpenSCManagerW", "OpenServiceW",         "ControlService",
     "GetTickCount64", "QueryServiceStatusEx", "CloseServiceHandle",

@@ -216,6 +216,7 @@ TEST(WgGetRxTxBytes, SumsOverAllPeersAndLogsNothing) {
       {"key 12", 0, 0},
       {"key", 0, 0},
       {"key 12 word\nother 1 2", 13, 2},
+      {"key -5 7\nother +5 7", 0, 0},  // a sign is no digit
       {"key 18446744073709551615 1", UINT64_MAX, 1},
       {"key 18446744073709551616 1\nother 5 6", 5, 6},
       {"key 7 18446744073709551616\nother 5 6", 12, 6},
