@@ -7,7 +7,7 @@ target_compile_options(telvor_options INTERFACE
 set(TELVOR_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
 if(TELVOR_SANITIZE)
   target_compile_options(telvor_options INTERFACE
-    -fsanitize=${TELVOR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+    -fsanitize=${TELVOR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(telvor_options INTERFACE -fsanitize=${TELVOR_SANITIZE})
 endif()
 

@@ -6,7 +6,7 @@ import threading
 import time
 
 WIDTH = 74
-SIGN_OF_LIFE_SECONDS = 5
+SIGN_OF_LIFE_SECONDS = 15
 
 
 class Failed(Exception):

@@ -29,7 +29,7 @@ std::wstring gCpIpV4;
 std::wstring gDefaultGatewayV4;
 uint32_t gDefaultIfIndex = 0;
 
-platform::Handle gStopEvent = nullptr;
+std::atomic<platform::Handle> gStopEvent = nullptr;
 platform::Handle gServiceStatusHandle = nullptr;
 platform::ServiceStatus gServiceStatus;
 uint32_t gServiceCheckPoint = 1;

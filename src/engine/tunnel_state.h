@@ -67,7 +67,7 @@ extern std::wstring gDefaultGatewayV4;  // dotted quad; empty: not known
 extern uint32_t gDefaultIfIndex;        // 0: not known
 
 // The service host's own; gStopEvent is waited on by all.
-extern platform::Handle gStopEvent;  // null: does not exist yet, or is closed already
+extern std::atomic<platform::Handle> gStopEvent;  // null: does not exist yet, or is closed already
 extern platform::Handle gServiceStatusHandle;
 extern platform::ServiceStatus gServiceStatus;
 extern uint32_t gServiceCheckPoint;  // the next dwCheckPoint

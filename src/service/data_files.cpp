@@ -9,6 +9,7 @@ namespace {
 
 constexpr int64_t kLongestTextFile = int64_t{10} * 1024 * 1024;  // bytes
 constexpr uint32_t kLargestRead = 1u << 30;                      // bytes of one ReadFile
+constexpr size_t kLeastRoom = 4096;                              // bytes
 
 // EXPLICIT_ACCESS_W values (accctrl.h).
 constexpr uint32_t kModifyRights = 0x001301BF;  // read, write, execute and delete
@@ -26,14 +27,17 @@ platform::Handle OpenForReading(const std::wstring& path) {
 
 void ReadToEnd(platform::Handle file, std::string& bytes) {
   int64_t size = 0;
-  platform::GetFileSizeEx(file, size);
-  bytes.resize(static_cast<size_t>(size));
+  platform::GetFileSizeEx(file, size);  // a hint: the file may grow meanwhile
+  const size_t expected = static_cast<size_t>(size);
   size_t used = 0;
-  while (used < bytes.size()) {
-    const auto wanted = static_cast<uint32_t>(std::min<size_t>(bytes.size() - used, kLargestRead));
+  for (bool more = true; more;) {
+    // A byte more than there should be: when that is left over, the end was reached.
+    bytes.resize(std::max({kLeastRoom, expected + 1, used * 2}));
+    const auto room = static_cast<uint32_t>(std::min<size_t>(bytes.size() - used, kLargestRead));
     uint32_t read = 0;
-    if (!platform::ReadFile(file, bytes.data() + used, wanted, read) || read == 0) break;
+    more = platform::ReadFile(file, bytes.data() + used, room, read) && read > 0;
     used += read;
+    more = more && (read == room || used < expected);
   }
   bytes.resize(used);
 }

@@ -41,6 +41,11 @@ void CloseAndClear(platform::Handle& handle) {
   handle = nullptr;
 }
 
+// Clients that are still served read the variable meanwhile.
+void CloseStopEvent() {
+  if (const platform::Handle event = gStopEvent.exchange(nullptr)) platform::CloseHandle(event);
+}
+
 // The firewall's objects outlive the process; an abnormal end must not leave them in force.
 void InstallCrashHooks() {
   platform::SetUnhandledExceptionFilter([]() -> int32_t {
@@ -115,17 +120,18 @@ void WaitAndClose(platform::Handle& thread) {
 void ShutDown() {
   WaitAndClose(gIpcThread);
   WaitAndClose(gWorkerThread);
-  CloseAndClear(gStopEvent);
+  CloseStopEvent();
   LogLine(L"Service STOPPED.");
   ReportStatus(platform::kServiceStopped, 0);
 }
 
 void SignalStop() {
-  if (!gStopEvent) {
+  const platform::Handle event = gStopEvent;
+  if (!event) {
     LogLine(L"ServiceCtrlHandlerEx: gStopEvent is NULL");
     return;
   }
-  const bool ok = platform::SetEvent(gStopEvent);
+  const bool ok = platform::SetEvent(event);
   const uint32_t error = platform::GetLastError();
   LogLine(std::wstring(L"ServiceCtrlHandlerEx: SetEvent(gStopEvent) ok=") + (ok ? L"true" : L"false") +
           L" GLE=" + std::to_wstring(error));
@@ -163,7 +169,7 @@ void ServiceMain() {
   uint32_t error = 0;
   if (!StartWorker(error)) {
     ReportStatus(platform::kServiceStopped, error);
-    CloseAndClear(gStopEvent);
+    CloseStopEvent();
     return;
   }
   StartPipeThread();

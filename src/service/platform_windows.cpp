@@ -144,7 +144,12 @@ namespace {
 
 int32_t (*gUnhandledExceptionFilter)() = nullptr;
 
-LONG WINAPI UnhandledExceptionTrampoline(EXCEPTION_POINTERS*) {
+// What GCC's runtime raises for a C++ exception. Going on in the throw leads to std::terminate where nobody
+// catches it: the work of the runtime's own filter, which the trampoline replaces.
+constexpr DWORD kGccThrow = 0x20474343;
+
+LONG WINAPI UnhandledExceptionTrampoline(EXCEPTION_POINTERS* pointers) {
+  if (pointers->ExceptionRecord->ExceptionCode == kGccThrow) return EXCEPTION_CONTINUE_EXECUTION;
   return gUnhandledExceptionFilter();
 }
 

@@ -108,7 +108,7 @@ inline std::string Utf16Bytes(const std::wstring& text) {
   return bytes;
 }
 
-// A worker in its connected loop, with two bypass addresses. Times: connected at `connectedAt`.
+// A worker in its connected loop, with two bypass addresses.
 inline void StartConnected(WorkerRun& run) {
   fake::gState.policy.ips = {L"10.0.0.1", L"9.0.0.1"};
   WriteConnectIntent();

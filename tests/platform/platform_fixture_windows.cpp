@@ -8,16 +8,13 @@
 #include "platform/platform_fixture.h"
 #include "service/platform.h"
 #include "splittunnel/platform.h"
-
-namespace {
+#include "windows/program_folder.h"
 
 std::filesystem::path ProgramFolder() {
   wchar_t path[1024];
   const uint32_t length = platform::GetModuleFileNameW(path, 1024);
   return std::filesystem::path(std::wstring(path, length)).parent_path();
 }
-
-}  // namespace
 
 struct PlatformTest::World {
   std::filesystem::path folder;

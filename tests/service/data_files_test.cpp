@@ -225,6 +225,46 @@ TEST(ReadWholeFile, GivesEveryByte) {
   EXPECT_EQ(sim::OpenHandles(), 0u);
 }
 
+TEST(ReadWholeFile, NeedsOneReadWhereTheSizeIsRight) {
+  sim::Machine machine;
+  sim::PutFile(kFile, std::string(100'000, 'a'));
+  std::string bytes;
+  EXPECT_TRUE(ReadWholeFile(kFile, bytes));
+  EXPECT_EQ(sim::CountCalls("ReadFile"), 1u);
+}
+
+TEST(ReadWholeFile, ReadsToTheEndWhateverTheSizeSays) {
+  sim::Machine machine;
+  for (const size_t length : {1u, 4095u, 4096u, 4097u, 100'000u}) {
+    const std::string all(length, 'a');
+    sim::PutFile(kFile, all);
+    sim::Fail({.operation = "GetFileSizeEx", .code = 5});
+    std::string bytes;
+    EXPECT_TRUE(ReadWholeFile(kFile, bytes));
+    EXPECT_EQ(bytes, all);
+  }
+}
+
+TEST(ReadWholeFile, GoesOnAfterAShortRead) {
+  sim::Machine machine;
+  sim::PutFile(kFile, "0123456789");
+  sim::Shorten("ReadFile", 3);
+  std::string bytes;
+  EXPECT_TRUE(ReadWholeFile(kFile, bytes));
+  EXPECT_EQ(bytes, "0123456789");
+}
+
+TEST(ReadWholeFile, KeepsWhatCameBeforeAFailedRead) {
+  sim::Machine machine;
+  sim::PutFile(kFile, "0123456789");
+  sim::Shorten("ReadFile", 3);
+  sim::Fail({.operation = "ReadFile", .code = 1117, .skip = 1});
+  std::string bytes;
+  EXPECT_TRUE(ReadWholeFile(kFile, bytes));
+  EXPECT_EQ(bytes, "012");
+  EXPECT_EQ(sim::OpenHandles(), 0u);
+}
+
 TEST(ReadWholeFile, TakesAnEmptyFileAndRefusesAMissingOne) {
   sim::Machine machine;
   std::string bytes = "?";

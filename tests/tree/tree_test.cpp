@@ -260,6 +260,7 @@ TEST(Tree, WindowsHeadersStandInTranslationsOnly) {
       continue;
     }
     for (size_t i = 0; i < file.lines.size(); ++i) {
+      if (!file.lines[i].starts_with('#')) continue;
       EXPECT_FALSE(std::regex_search(file.lines[i], kWindows)) << Where(file, i) << ": " << file.lines[i];
     }
   }
