@@ -16,10 +16,6 @@ namespace {
 
 constexpr int64_t kExpiryMarginSeconds = 300;
 
-std::string JsonMember(const char* key, const std::wstring& value) {
-  return std::string("\"") + key + "\":\"" + JsonEscape(WideToUtf8(value)) + "\"";
-}
-
 bool SaveAndRotateKeys(const SessionRecord& session, std::wstring& error) {
   if (!SaveSession(session)) {
     error = L"login ok but SaveSession failed";

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "controlplane/text.h"
+
 namespace {
 
 constexpr size_t kNone = std::string_view::npos;
@@ -49,6 +51,20 @@ bool NextQuoted(std::string_view text, size_t& at, std::string_view& value) {
   return true;
 }
 
+// What a backslash and `letter` stand for. No hexadecimal form is known, so that \u0026 gives u0026; wanted.
+char EscapedByte(char letter) {
+  switch (letter) {
+    case 'n':
+      return '\n';
+    case 'r':
+      return '\r';
+    case 't':
+      return '\t';
+    default:
+      return letter;
+  }
+}
+
 }  // namespace
 
 bool JsonGetString(std::string_view text, const char* key, std::string& value) {
@@ -59,6 +75,20 @@ bool JsonGetString(std::string_view text, const char* key, std::string& value) {
   if (at == kNone || !NextQuoted(text, at, quoted)) return false;
   value = quoted;
   return true;
+}
+
+bool ExtractJsonUrlField(std::string_view text, const char* key, std::string& value) {
+  value.clear();
+  // Unlike JsonGetString this does not run on to the next quoted text.
+  const std::string_view rest = TextBehindColon(text, key, kJsonWhiteSpace);
+  if (!rest.starts_with('"')) return false;
+  for (size_t i = 1; i < rest.size() && rest[i] != '"'; ++i) {
+    const bool escaped = rest[i] == '\\';
+    if (escaped && ++i == rest.size()) break;
+    value += escaped ? EscapedByte(rest[i]) : rest[i];
+  }
+  value = TrimAscii(value);
+  return !value.empty();
 }
 
 bool JsonGetInt64(std::string_view text, const char* key, int64_t& value) {
@@ -136,4 +166,8 @@ std::string JsonEscape(const std::string& text) {
     }
   }
   return escaped;
+}
+
+std::string JsonMember(const char* key, const std::wstring& value) {
+  return std::string("\"") + key + "\":\"" + JsonEscape(WideToUtf8(value)) + "\"";
 }

@@ -11,6 +11,10 @@
 // The raw bytes between the first two double quotes behind the key's colon.
 bool JsonGetString(std::string_view text, const char* key, std::string& value);
 
+// The text behind the key's colon: white space is skipped, the next byte must be its opening quote, a missing
+// closing one is tolerated, escapes are undone and the ends trimmed. False if nothing is left.
+bool ExtractJsonUrlField(std::string_view text, const char* key, std::string& value);
+
 // Digits behind the colon, blanks and tabs skipped; wraps silently.
 bool JsonGetInt64(std::string_view text, const char* key, int64_t& value);
 
@@ -26,3 +30,6 @@ bool JsonGetStringArray(std::string_view text, const char* key, std::vector<std:
 // Escapes the two quoting characters and everything below 32; bytes from 128 up go through. No quotes around
 // it.
 std::string JsonEscape(const std::string& text);
+
+// A member of a request's object: the key and the value, in UTF-8 and escaped, each in quotes.
+std::string JsonMember(const char* key, const std::wstring& value);

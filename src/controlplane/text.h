@@ -6,6 +6,9 @@
 // Strict: invalid UTF-8 gives the empty text, as empty input does.
 std::wstring Utf8ToWide(const std::string& text);
 
+// Invalid sequences become replacement characters.
+std::wstring Utf8ToWideLenient(const std::string& text);
+
 // Unpaired surrogates are converted by the platform's rule.
 std::string WideToUtf8(const std::wstring& text);
 

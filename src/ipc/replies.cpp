@@ -1,6 +1,7 @@
 #include "ipc/replies.h"
 
 #include "controlplane/json_text.h"
+#include "controlplane/text.h"
 
 namespace {
 
@@ -19,10 +20,18 @@ std::string JsonQuoteOrNull(const std::string& text) {
   return text.empty() ? "null" : JsonQuote(text);
 }
 
+std::string QuotedMessage(const std::wstring& error, const char* fallback) {
+  return JsonQuote(error.empty() ? fallback : WideToUtf8(error));
+}
+
 std::string ResultReply(int32_t id, const std::string& result) {
   return Envelope(id, result, "null");
 }
 
 std::string ErrorReply(int32_t id, const std::string& message) {
-  return Envelope(id, "null", "{\"message\":" + JsonQuote(message) + "}");
+  return ResultAndErrorReply(id, "null", JsonQuote(message));
+}
+
+std::string ResultAndErrorReply(int32_t id, const std::string& result, const std::string& quotedMessage) {
+  return Envelope(id, result, "{\"message\":" + quotedMessage + "}");
 }

@@ -8,6 +8,7 @@
 #include "ipc/account_methods.h"
 #include "ipc/intent_methods.h"
 #include "ipc/methods.h"
+#include "ipc/subscription_methods.h"
 #include "ipc/views.h"
 #include "service/lifecycle.h"
 #include "splittunnel/bypass_refresh.h"
@@ -54,6 +55,14 @@ constexpr PipeMethod kMethods[] = {
     {"Disconnect", &DisconnectMethod},
     {"StopService", &StopServiceMethod},
     {"POST /ui/login", &LoginMethod},
+    {"GET /ui/is-registered", &IsRegisteredMethod},
+    {"POST /ui/register", &RegisterMethod},
+    {"POST /ui/password-reset/start", &PasswordResetStartMethod},
+    {"POST /ui/password-reset/confirm", &PasswordResetConfirmMethod},
+    {"GET /ui/entitlement", &EntitlementMethod},
+    {"GET /ui/quota", &QuotaMethod},
+    {"POST /ui/billing/checkout", &BillingCheckoutMethod},
+    {"GET /ui/account-page-url", &AccountPageUrlMethod},
     {"POST /ui/logout", &LogoutMethod},
     {"GET /ui/status", &GetStatusMethod},
     {"GET /ui/logs", &GetLogsMethod},

@@ -1,5 +1,6 @@
 #include "wireguard/process_runner.h"
 
+#include "controlplane/text.h"
 #include "service/log.h"
 #include "wireguard/platform.h"
 
@@ -18,16 +19,6 @@ bool CreateOutputPipes(Pipe& standardOutput, Pipe& standardError) {
          platform::CreatePipe(standardError.readEnd, standardError.writeEnd) &&
          platform::SetHandleInformation(standardOutput.readEnd, platform::kHandleFlagInherit, 0) &&
          platform::SetHandleInformation(standardError.readEnd, platform::kHandleFlagInherit, 0);
-}
-
-std::wstring DecodeUtf8WithReplacements(const std::string& bytes) {
-  const int size = static_cast<int>(bytes.size());
-  const int length =
-      platform::MultiByteToWideChar(platform::kCodePageUtf8, 0, bytes.data(), size, nullptr, 0);
-  if (length < 1) return {};
-  std::wstring text(static_cast<size_t>(length), L'\0');
-  platform::MultiByteToWideChar(platform::kCodePageUtf8, 0, bytes.data(), size, text.data(), length);
-  return text;
 }
 
 }  // namespace
@@ -69,5 +60,5 @@ std::wstring ReadPipeToEnd(platform::Handle pipe) {
   char chunk[kReadChunk];
   uint32_t read = 0;
   while (platform::ReadFile(pipe, chunk, kReadChunk, read) && read > 0) bytes.append(chunk, read);
-  return DecodeUtf8WithReplacements(bytes);
+  return Utf8ToWideLenient(bytes);
 }

@@ -5,6 +5,7 @@
 #include "firewall/baseline.h"
 #include "firewall/bypass_allowlist.h"
 #include "tests/firewall/firewall_fixture.h"
+#include "tests/ipc/account_fixture.h"
 
 namespace {
 
@@ -42,6 +43,16 @@ TEST(BadBaseUrl, BecomesTheBaseOfTheAccountCallsAsItStands) {
   gCpBaseUrl = L"https://other.test";
   InitCpBaseUrl();
   EXPECT_EQ(gCpBaseUrl, L"http://cp.telvor.test:8443/");
+}
+
+TEST(BadBaseUrl, LosesItsSlashInTheLinkToTheAccountPage) {
+  ipc_test::AccountMachine machine;
+  ipc_test::PutSession("access-1", 3600);
+  gCpBaseUrl = L"";
+  EXPECT_EQ(ipc_test::Call("GET /ui/account-page-url"),
+            ipc_test::ResultText(
+                R"({"ok":true,"account_url":"http://cp.telvor.test:8443/account?access_token=access-1",)"
+                R"("message":"ok"})"));
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
-// Conversions between UTF-8 and UTF-16, and the two trimmers.
+// Conversions between UTF-8 and UTF-16, the two trimmers, and the members of a request's object.
 #include "controlplane/text.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "controlplane/json_text.h"
 #include "sim/kernel.h"
 
 namespace {
@@ -37,6 +38,21 @@ TEST(Utf8ToWide, AsksOnceForTheLengthAndOnceForTheText) {
   EXPECT_EQ(sim::CountCalls("MultiByteToWideChar", "codePage=65001 flags=8"), 2U);
 }
 
+TEST(Utf8ToWideLenient, ConvertsValidText) {
+  sim::Machine machine;
+  EXPECT_EQ(Utf8ToWideLenient("a\xC3\xA9\xE4\xB8\xAD"), L"a\u00E9\u4E2D");
+  EXPECT_EQ(Utf8ToWideLenient("\xF0\x9F\x98\x80"), std::wstring({wchar_t{0xD83D}, wchar_t{0xDE00}}));
+  EXPECT_EQ(Utf8ToWideLenient(std::string("a\0b", 3)), std::wstring(L"a\0b", 3));
+  EXPECT_EQ(sim::CountCalls("MultiByteToWideChar"), 6U);
+  EXPECT_EQ(sim::CountCalls("MultiByteToWideChar", "codePage=65001 flags=0"), 6U);
+}
+
+TEST(Utf8ToWideLenient, ReplacesWhatIsInvalid) {
+  sim::Machine machine;
+  EXPECT_EQ(Utf8ToWideLenient("good\xFF!"), L"good\uFFFD!");
+  EXPECT_EQ(Utf8ToWideLenient("\xC3"), L"\uFFFD");
+}
+
 TEST(WideToUtf8, ConvertsText) {
   sim::Machine machine;
   EXPECT_EQ(WideToUtf8(L"a\u00E9\u4E2D"), "a\xC3\xA9\xE4\xB8\xAD");
@@ -55,8 +71,15 @@ TEST(WideToUtf8, ConvertsAnUnpairedSurrogateToTheReplacementCharacter) {
 TEST(TextConversions, DoNotAskThePlatformForEmptyText) {
   sim::Machine machine;
   EXPECT_EQ(Utf8ToWide(""), L"");
+  EXPECT_EQ(Utf8ToWideLenient(""), L"");
   EXPECT_EQ(WideToUtf8(L""), "");
   EXPECT_EQ(sim::Trace().size(), 0U);
+}
+
+TEST(JsonMember, GivesKeyAndValueInUtf8AndEscaped) {
+  sim::Machine machine;
+  EXPECT_EQ(JsonMember("email", L"m\u00E9\"\\\x1F/"), "\"email\":\"m\xC3\xA9\\\"\\\\\\u001f/\"");
+  EXPECT_EQ(JsonMember("code", L""), R"("code":"")");
 }
 
 TEST(TrimAscii, RemovesBlankTabAndLineEndsAtBothEnds) {

@@ -1,40 +1,19 @@
 // Login and logout over the pipe.
 #include "ipc/account_methods.h"
 
-#include <gtest/gtest.h>
+#include <system_error>
 
-#include "controlplane/base_url.h"
-#include "controlplane/session.h"
-#include "tests/ipc/ipc_fixture.h"
+#include "tests/ipc/account_fixture.h"
 
 namespace {
 
 using namespace ipc_test;
 
-const std::string kLoggedIn = ResultText(R"({"ok":true,"auth_state":"AUTH_OK","message":"registered"})");
 const std::string kLoggedOut =
     ResultText(R"({"ok":true,"auth_state":"AUTH_REQUIRED","message":"Logged out"})");
 
-std::string Refused(const std::string& message) {
-  return ResultText(R"({"ok":false,"message":")" + message + "\"}");
-}
-
 std::string LogIn(const std::string& email = "user@example.com", const std::string& password = "secret") {
-  return ReplyTo(R"({"id":7,"method":"POST /ui/login","params":{"email":")" + email + R"(","password":")" +
-                 password + R"("}})");
-}
-
-// A machine with a control plane and without an account.
-struct AccountMachine {
-  AccountMachine() {
-    WireRecordedOperations();
-    sim::UseControlPlane();
-  }
-  sim::Machine machine;
-};
-
-size_t SessionWrites() {
-  return sim::CountCalls("CryptProtectData");
+  return CallWith("POST /ui/login", R"("email":")" + email + R"(","password":")" + password + '"');
 }
 
 // ---- Login ----
@@ -57,7 +36,7 @@ TEST(LoginMethod, StoresTheSession) {
 TEST(LoginMethod, SavesTheSessionTwice) {
   AccountMachine machine;
   EXPECT_EQ(LogIn(), kLoggedIn);
-  EXPECT_EQ(SessionWrites(), 2u);
+  EXPECT_EQ(WritesOf(kSessionFile), 2u);
 }
 
 TEST(LoginMethod, NeverStartsAConnection) {
@@ -85,34 +64,39 @@ TEST(LoginMethod, TurnsAParameterOfInvalidUtf8IntoAnEmptyOne) {
 }
 
 TEST(LoginMethod, NeedsBothParametersButNotTheirContent) {
-  for (const std::string fields : {"", R"(,"email":"a")", R"(,"password":"b")",
-                                   R"(,"email":5,"password":"b")", R"(,"email":"a","password":null)"}) {
-    SCOPED_TRACE(fields);
-    AccountMachine machine;
-    std::string reply;
-    EXPECT_TRUE(HandleIpcRequest(R"({"id":7,"method":"POST /ui/login")" + fields + "}", reply));
-    EXPECT_EQ(reply, ErrorText("missing email/password"));
-    EXPECT_EQ(sim::HttpRequests().size(), 0u);
-  }
+  ExpectMissed("POST /ui/login", {"email", "password"}, "missing email/password");
   AccountMachine machine;
   LogIn("", "");
-  ASSERT_EQ(sim::HttpRequests().size(), 1u);
-  EXPECT_EQ(sim::HttpRequests()[0].body, R"({"email":"","password":""})");
+  EXPECT_EQ(SentBodies(), Lines{R"({"email":"","password":""})"});
 }
 
 TEST(LoginMethod, GivesTheReasonOfARefusalAndChangesNothing) {
   AccountMachine machine;
-  sim::SetHttpHandler([](const sim::HttpRequest&) { return sim::HttpResponse{.status = 401, .body = "no"}; });
-  gLastError = L"AUTH_REQUIRED";
-  gAuthRequired = true;
-  gCachedAccessToken = L"access-0";
-  std::string reply;
-  EXPECT_TRUE(HandleIpcRequest(R"({"id":7,"method":"POST /ui/login","email":"a","password":"b"})", reply));
-  EXPECT_EQ(reply, Refused("login non-2xx: 401"));
-  EXPECT_EQ(gLastError, L"AUTH_REQUIRED");
-  EXPECT_TRUE(gAuthRequired);
+  SetAccountState();
+  const std::string before = AccountState();
+  ExpectTrueReply(R"({"id":7,"method":"POST /ui/login","email":"user@example.com","password":"wrong"})",
+                  Refused("login non-2xx: 401"));
+  EXPECT_EQ(AccountState(), before);
+  EXPECT_EQ(sim::LogLines(), Lines());
+}
+
+TEST(LoginMethod, ReadsItsParametersWhereverTheyStand) {
+  AccountMachine machine;
+  EXPECT_EQ(ReplyTo(R"({"password":"secret","id":7,"email":"user@example.com","method":"POST /ui/login"})"),
+            kLoggedIn);
+}
+
+TEST(LoginMethod, KeepsWhatTheLoginDidWhenTheLockFails) {
+  AccountMachine machine;
+  SetAccountState();
+  sim::FailLock(gSessionMutex);
+  const std::string text =
+      std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur)).what();
+  EXPECT_EQ(LogIn(), ErrorText(text));
+  EXPECT_NE(StoredSession(), "");
   EXPECT_EQ(gCachedAccessToken, L"access-0");
-  EXPECT_FALSE(sim::FileExists(kSessionFile));
+  EXPECT_TRUE(gAuthRequired);
+  EXPECT_EQ(gLastError, L"HANDSHAKE_TIMEOUT");
 }
 
 TEST(LoginMethod, GivesTheReasonOfAnUnreachableControlPlane) {
@@ -149,7 +133,7 @@ TEST(LoginMethod, DoesNotLogThePasswordOrTheTokens) {
   AccountMachine machine;
   EXPECT_EQ(LogIn("user@example.com", "secret"), kLoggedIn);
   for (const std::string word : {"secret", "access-1", "refresh-1"})
-    EXPECT_EQ(sim::LogCount(word), 0u) << word;
+    EXPECT_EQ(sim::LogBytes().find(word), std::string::npos) << word;
 }
 
 // ---- Logout ----
@@ -202,18 +186,6 @@ TEST(LogoutMethod, ShowsAtOnce) {
   const std::string status = Call("GET /ui/status");
   EXPECT_NE(status.find(R"("auth_state":"AUTH_REQUIRED","last_error":"AUTH_REQUIRED")"), std::string::npos)
       << status;
-}
-
-// ---- The other account methods ----
-
-TEST(AccountMethods, WithoutABodyAreUnknown) {
-  AccountMachine machine;
-  for (const std::string name :
-       {"GET /ui/is-registered", "POST /ui/register", "POST /ui/password-reset/start",
-        "POST /ui/password-reset/confirm", "GET /ui/entitlement", "GET /ui/quota",
-        "POST /ui/billing/checkout", "GET /ui/account-page-url"}) {
-    EXPECT_EQ(Call(name), ErrorText("IPC: unknown method")) << name;
-  }
 }
 
 }  // namespace

@@ -103,6 +103,7 @@ inline void WireRecordedOperations() {
     Note("StopOwnService");
     return gOperations.stopOwnService;
   };
+  gWorkerOperations.RefreshSplitTunnelRoutes = [] { Note("RefreshSplitTunnelRoutes"); };
   gWorkerOperations.StopTunnelService = [](const std::wstring& name, uint32_t) {
     Note("StopTunnelService " + sim::Narrow(name));
     return true;

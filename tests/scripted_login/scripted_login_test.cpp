@@ -1,17 +1,13 @@
-// The login method over a login that fails without a reason, as the real one never does: this program has a
-// Login of its own, which stands before the library's.
-#include <gtest/gtest.h>
-
+// The methods over a login and a token step that fail without a reason, as the real ones never do: this
+// program has its own of both, which stand before the library's.
 #include "controlplane/auth.h"
-#include "engine/tunnel_state.h"
-#include "ipc/dispatch.h"
-#include "service/wiring.h"
-#include "sim/kernel.h"
-#include "tests/support/sim_failures.h"
+#include "tests/ipc/account_fixture.h"
 
 namespace {
 
 std::wstring gEmail, gPassword;
+bool gTokenStep = false;
+std::wstring gTokenError;
 
 }  // namespace
 
@@ -23,32 +19,73 @@ bool Login(const std::wstring& email, const std::wstring& password, SessionRecor
 bool RefreshSession(const std::wstring&, SessionRecord&, std::wstring&) {
   return false;
 }
-bool EnsureValidAccessToken(const std::wstring&, std::wstring&, std::wstring&) {
-  return false;
+bool EnsureValidAccessToken(const std::wstring&, std::wstring&, std::wstring& error) {
+  error = gTokenError;
+  return gTokenStep;
 }
 
 namespace {
 
+using namespace ipc_test;
+
 // The words are wanted, though nobody registers here.
 TEST(LoginMethod, SpeaksOfRegistrationWhenALoginFailsWithoutAReason) {
-  sim::Machine machine;
-  WireSubsystems();
-  gLastError = L"HANDSHAKE_TIMEOUT";
-  std::string reply;
-  EXPECT_TRUE(HandleIpcRequest(R"({"id":1,"method":"POST /ui/login","email":"me","password":"x"})", reply));
-  EXPECT_EQ(reply, R"({"jsonrpc":"2.0","id":1,"result":{"ok":false,)"
-                   R"("message":"login failed after registration"},"error":null})");
+  AccountMachine machine;
+  SetAccountState();
+  const std::string before = AccountState();
+  ExpectTrueReply(R"({"id":7,"method":"POST /ui/login","email":"me","password":"x"})",
+                  Refused("login failed after registration"));
   EXPECT_EQ(gEmail, L"me");
   EXPECT_EQ(gPassword, L"x");
-  EXPECT_EQ(gLastError, L"HANDSHAKE_TIMEOUT");
+  EXPECT_EQ(AccountState(), before);
+}
+
+TEST(RegisterMethod, SpeaksOfTheRegistrationThatHasBeenWhenItsLoginFailsWithoutAReason) {
+  AccountMachine machine;
+  machine.AnswerTo("POST /v1/auth/register", Answer(200));
+  SetAccountState();
+  const std::string before = AccountState();
+  ExpectTrueReply(R"({"id":7,"method":"POST /ui/register","email":"you","password":"y"})",
+                  Refused("login failed after registration"));
+  EXPECT_EQ(gEmail, L"you");
+  EXPECT_EQ(gPassword, L"y");
+  EXPECT_EQ(AccountState(), before);
+}
+
+// The failure of the token step shows in one place of the result.
+void ExpectNoToken(const std::string& message) {
+  const std::string rest = R"("message":")" + message + "\"}";
+  AccountMachine machine;
+  EXPECT_EQ(Call("GET /ui/entitlement"),
+            ResultText(R"({"ok":false,"payment_current":false,"status":"AUTH_REQUIRED",)" + rest));
+  EXPECT_EQ(Call("GET /ui/quota"), ResultText(R"({"ok":false,"quota_current":false,)" + rest));
+  EXPECT_EQ(Call("POST /ui/billing/checkout"), ResultText(R"({"ok":false,"checkout_url":null,)" + rest));
+  EXPECT_EQ(Call("GET /ui/account-page-url"), ResultText(R"({"ok":false,"account_url":null,)" + rest));
+  EXPECT_EQ(Sent(), Lines());
+  EXPECT_EQ(gOperations.calls, Lines());
+}
+
+TEST(TokenMethods, AskForALoginWhenTheTokenStepGivesNoReason) {
+  gTokenError.clear();
+  for (const bool step : {false, true}) {
+    gTokenStep = step;
+    ExpectNoToken("auth required");
+  }
+  gTokenStep = false;
+}
+
+TEST(TokenMethods, TakeAnEmptyTokenForNone) {
+  gTokenStep = true;
+  gTokenError = L"n\u00E9\"";
+  ExpectNoToken("n\xC3\xA9\\\"");
+  gTokenStep = false;
+  gTokenError.clear();
 }
 
 // Neither a reason of the token step nor one of the tunnel: nothing to show.
 TEST(StatusMethod, ShowsNoErrorWhenTheTokenStepGivesNone) {
-  sim::Machine machine;
-  WireSubsystems();
-  std::string reply;
-  EXPECT_TRUE(HandleIpcRequest(R"({"id":1,"method":"GET /ui/status"})", reply));
+  AccountMachine machine;
+  const std::string reply = Call("GET /ui/status");
   EXPECT_NE(reply.find(R"({"auth_state":"AUTH_REQUIRED","last_error":null,)"), std::string::npos) << reply;
 }
 

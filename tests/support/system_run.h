@@ -97,6 +97,12 @@ inline bool WaitForIdle(uint64_t milliseconds = kMinute) {
       milliseconds);
 }
 
+// So long the process lives on behind its report of the stop, as a busy computer may let it.
+inline void LetTheProcessLiveOn(uint32_t milliseconds) {
+  sim::Before(
+      "CreateFileW", [milliseconds] { platform::Sleep(milliseconds); }, "13-dispatch-returned.txt");
+}
+
 // Nothing of the system is in force in the filtering engine.
 inline bool FirewallIsOpen() {
   return sim::FiltersInForce().empty() && !sim::ProviderInForce(kProviderKey) &&

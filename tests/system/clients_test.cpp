@@ -114,7 +114,7 @@ TEST(Clients, ABrokenLineGetsItsReplyAndTheNextClientIsServed) {
   EXPECT_EQ(sim::Ask("{\"method\":\"GetState"), kMissingMethod);
   EXPECT_EQ(sim::Ask("{\"method\" : \"GetState\"}"), kMissingMethod);
   EXPECT_EQ(Ask("getstate"), kUnknownMethod);
-  EXPECT_EQ(Ask("GET /ui/quota"), kUnknownMethod);
+  EXPECT_EQ(Ask("POST /ui/quota"), kUnknownMethod);
   EXPECT_EQ(State(), "disconnected");
 }
 

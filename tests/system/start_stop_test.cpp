@@ -27,12 +27,6 @@ Lines Reports() {
   return texts;
 }
 
-// So long the process lives on behind its report of the stop, as a busy computer may let it.
-void LetTheProcessLiveOn(uint32_t milliseconds) {
-  sim::Before(
-      "CreateFileW", [milliseconds] { platform::Sleep(milliseconds); }, "13-dispatch-returned.txt");
-}
-
 TEST(ServiceStart, ReportsAndLeavesItsTrail) {
   SystemRun run;
   run.Start();
