@@ -181,6 +181,7 @@ class Laboratory:
                        log=f"responder-{machine.name}.log")
         config = {
             "address": network.CONTROL_PLANE.address, "port": network.CONTROL_PLANE_PORT,
+            "public_url": network.CONTROL_PLANE_URL,
             "certificate": str(self.folder / "server.pem"),
             "database": str(self.folder / "control-plane.sqlite"),
             "keeper_socket": str(self.folder / "keeper.socket"),

@@ -44,6 +44,7 @@ ROUTER = "router"
 
 CONTROL_PLANE_HOST = "cp.telvor.test"
 CONTROL_PLANE_PORT = 8443
+CONTROL_PLANE_URL = f"https://{CONTROL_PLANE_HOST}:{CONTROL_PLANE_PORT}"
 SITE_HOST = "site.telvor.test"
 # The policy's addresses. The control plane is one of them: the tunnel takes every other packet, and while its
 # handshake does not come the next attempt still has to ask the control plane for a profile.

@@ -15,6 +15,14 @@ def visit(laboratory, url, timeout=5, body=None):
     return json.loads(result.stdout) if result.returncode == 0 else None
 
 
+def browse(laboratory, url, *options, timeout=10):
+    """Opens a page as a browser on the client would, trusting whom the client trusts; its status and text."""
+    command = ["curl", "-sS", "--noproxy", "*", "--max-time", str(timeout), "-w", "\n%{http_code}", *options,
+               url]
+    text, _, status = laboratory.run(network.CLIENT.name, command).stdout.rpartition("\n")
+    return int(status), text
+
+
 def download(laboratory, url, timeout=20):
     """How many bytes of the page arrived at the client."""
     command = ["curl", "-sS", "--noproxy", "*", "--max-time", str(timeout), "-o", "/dev/null",

@@ -74,5 +74,28 @@ class Keeper:
     def end_refresh(self):
         self._call("POST", "/sessions", {"end_refresh": True})
 
+    def set_refresh_lifetime(self, seconds):
+        """For the sessions to come."""
+        self._call("POST", "/sessions", {"refresh_lifetime": seconds})
+
+    def set_reset_lifetime(self, seconds):
+        """For the password resets to come."""
+        self._call("POST", "/resets", {"lifetime": seconds})
+
+    def end_resets(self):
+        self._call("POST", "/resets", {"end": True})
+
+    def mails(self, to):
+        """What a person finds in the mail, the latest last: {"to","request_id","code"} of each."""
+        return [mail for mail in self._call("GET", "/outbox") if mail["to"] == to]
+
+    def change_subscription(self, email, **changes):
+        """Any of status, period_end (Unix time), bytes_used, bytes_limit."""
+        self._call("POST", "/subscriptions", {"email": email, **changes})
+
+    def devices(self, email):
+        """The devices of an account, as the database has them."""
+        return [row for row in self.records()["devices"] if row["email"] == email]
+
     def records(self):
         return self._call("GET", "/records")

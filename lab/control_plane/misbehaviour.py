@@ -6,6 +6,7 @@ A rule is a JSON object; all fields but "path" may be left out:
     path     the path, with * and ? as in file names
     status   answer with this status (200 when only a body is given)
     body     answer with this text
+    body_base64  answer with these bytes, which need be no text
     delay    wait so many seconds first
     cut      "silent": close the connection without an answer; "body": close it in the middle of the body
     count    how often; for ever without it
@@ -15,6 +16,7 @@ The first rule that matches and is not used up holds. A rule with a delay alone 
 """
 
 import asyncio
+import base64
 import fnmatch
 import itertools
 import socket
@@ -23,7 +25,7 @@ import time
 
 from aiohttp import web
 
-FIELDS = {"method", "path", "status", "body", "delay", "cut", "count", "after"}
+FIELDS = {"method", "path", "status", "body", "body_base64", "delay", "cut", "count", "after"}
 CUTS = {None, "silent", "body"}
 
 
@@ -89,12 +91,18 @@ async def _misbehave(request, handler, rule):
     if rule.get("cut") == "silent":
         _hang_up(request)
         return web.Response(status=499)
-    if rule.get("status") is None and rule.get("body") is None:
+    if not {"status", "body", "body_base64"} & set(rule):
         response = await handler(request)
     else:
-        response = web.Response(status=rule.get("status") or 200, text=rule.get("body") or "",
+        response = web.Response(status=rule.get("status", 200), body=_body(rule),
                                 content_type="application/json")
     return await _cut(request, response) if rule.get("cut") == "body" else response
+
+
+def _body(rule):
+    if "body_base64" in rule:
+        return base64.b64decode(rule["body_base64"])
+    return rule.get("body", "").encode()
 
 
 async def _cut(request, response):

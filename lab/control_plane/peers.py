@@ -6,7 +6,7 @@ request that travels through that very tunnel.
 
 import asyncio
 
-from lab.control_plane import store
+from lab.control_plane import servers
 
 RETIRE_SECONDS = 60
 INTERFACE = "wg0"
@@ -20,7 +20,7 @@ async def configure(db, enter, device_row):
     """Gives the device its place on its server; nothing to do while it has no key or no server."""
     if device_row["public_key"] is None or device_row["server_id"] is None:
         return None
-    peer = store.lease_peer(db, device_row)
+    peer = servers.lease_peer(db, device_row)
     await _wg(enter[peer["server_id"]], "set", INTERFACE, "peer", peer["public_key"],
               "allowed-ips", f"{peer['address']}/32")
     return peer
@@ -32,10 +32,10 @@ async def tend(db, enter, interval):
         for server_id, words in enter.items():
             try:
                 await _wg(words, "show", INTERFACE, "public-key")
-                store.heartbeat(db, server_id)
+                servers.heartbeat(db, server_id)
             except ServerUnreachable:
                 continue  # no heartbeat: the server goes offline in the catalogue by itself
-        for peer in store.drop_retired(db, RETIRE_SECONDS):
+        for peer in servers.drop_retired(db, RETIRE_SECONDS):
             try:
                 await _wg(enter[peer["server_id"]], "set", INTERFACE, "peer", peer["public_key"], "remove")
             except ServerUnreachable:

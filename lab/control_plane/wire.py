@@ -5,7 +5,7 @@ import binascii
 import datetime
 import json
 
-from lab.control_plane import store
+from lab.control_plane import billing, store
 
 ALLOWED_IPS = ["0.0.0.0/0"]
 KEEPALIVE_SECONDS = 25
@@ -22,7 +22,13 @@ def session(access, refresh, expires_at):
 
 def catalogue(servers):
     return {"servers": [{**_place(row), "online": store.now() - row["last_seen_at"] <= ONLINE_SECONDS,
-                         "last_seen_at": _iso(row["last_seen_at"])} for row in servers]}
+                         "last_seen_at": iso(row["last_seen_at"])} for row in servers]}
+
+
+def entitlement(row):
+    """The period's end stands last: a flat reader that meets a null takes the next text that follows."""
+    return {"payment_current": billing.is_payment_current(row), "status": row["status"],
+            "period_end": iso(row["period_end"])}
 
 
 def profile(servers, assigned, address):
@@ -58,6 +64,14 @@ def read_text(value, key):
     return found
 
 
+def read_email(value):
+    """An address, without the blanks that people type around it."""
+    email = read_text(value, "email").strip()
+    if not email:
+        raise store.Refused(400, "missing_email")
+    return email
+
+
 def read_public_key(value):
     """A WireGuard public key: the Base64 text of 32 bytes."""
     key = read_text(value, "wg_public_key")
@@ -79,5 +93,8 @@ def _first_host(network):
     return network.split("/")[0].rpartition(".")[0] + ".1"
 
 
-def _iso(seconds):
+def iso(seconds):
+    """None stays None."""
+    if seconds is None:
+        return None
     return datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")

@@ -3,6 +3,7 @@
 import io
 
 import conftest
+from lab import laboratory as laboratories
 from lab import network, prefix, tour, traffic, vpn_servers, windows
 from lab.steps import Teller
 
@@ -98,11 +99,11 @@ def test_key_and_id_files_end_in_crlf_and_the_session_is_sealed(connected):
 
 def test_the_uploaded_key_is_the_one_in_the_file_and_a_login_changes_it(connected):
     first = key_text(connected, "public")
-    assert connected.keeper.records()["devices"][0]["public_key"] == first
+    assert connected.keeper.devices(laboratories.EMAIL)[0]["public_key"] == first
     connected.log_in()
     assert key_text(connected, "public") != first
     # Nothing is sent at the login: the server keeps the old key until the next bootstrap.
-    assert connected.keeper.records()["devices"][0]["public_key"] == first
+    assert connected.keeper.devices(laboratories.EMAIL)[0]["public_key"] == first
 
 
 def test_the_bypassed_addresses_have_host_routes_by_the_gateway_while_connected(connected):

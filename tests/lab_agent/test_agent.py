@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-AGENT = Path(__file__).resolve().parents[1] / "agent" / "agent.py"
+AGENT = Path(__file__).resolve().parents[2] / "lab" / "agent" / "agent.py"
 PORT = 47100
 CLONE_NEWNET = 0x40000000
 MARK = f"agt{os.getpid() % 100000}"
