@@ -17,9 +17,10 @@ NOT_VERIFIED, CANNOT_RUN, INTERRUPTED = 1, 2, 130
 USAGE = """
 The laboratory stays up, with the service running and nobody logged in. Talk to it:
 
+  ./run ctl login %s        (the password is: %s)
+  ./run ctl connect
+  ./run ctl status           ... and all that ./run ctl --help tells of
   ./run send '{"id":1,"method":"GetState"}'
-  ./run send '{"id":2,"method":"POST /ui/login","params":{"email":"%s","password":"%s"}}'
-  ./run send '{"id":3,"method":"Connect"}'
   ./run log        the service's log
   ./run filters    the filters in force, with every condition
   ./run routes     the routes of the user's computer
@@ -114,6 +115,14 @@ def send(laboratory, options):
     sys.stdout.buffer.write(reply + b"\n")
 
 
+def control(laboratory, options):
+    """Becomes telvorctl.exe on the user's computer: at this terminal, with its exit code."""
+    from lab import network, prefix, windows
+
+    command = laboratory.enter(network.CLIENT.name) + ["wine", prefix.TELVORCTL, *options.words]
+    os.execvpe(command[0], command, windows.environment(laboratory))
+
+
 def show_log(laboratory, _):
     from lab import windows
 
@@ -137,7 +146,8 @@ def take_down(laboratory, _):
     print("The laboratory is down.")
 
 
-ON_KEPT = {"send": send, "log": show_log, "filters": show_filters, "routes": show_routes, "down": take_down}
+ON_KEPT = {"ctl": control, "send": send, "log": show_log, "filters": show_filters, "routes": show_routes,
+           "down": take_down}
 
 
 def on_kept(action, options, arguments):
@@ -157,11 +167,17 @@ def parse(arguments):
     parser.add_argument("--down", action="store_true", help="end the laboratory that was left up")
     parser.add_argument("--prepared", action="store_true", help=argparse.SUPPRESS)
     words = parser.add_subparsers(dest="word", metavar="")
+    words.add_parser("ctl", help="telvorctl, the service's command line; what follows is its own")
     words.add_parser("send", help="send one request line").add_argument("line")
     for word, text in (("log", "the service's log"), ("filters", "the filters in force"),
                        ("routes", "the routes of the user's computer")):
         words.add_parser(word, help=text)
-    return parser.parse_args(arguments)
+    # What stands behind ctl is not ours to read, not even a --help.
+    word = next((index for index, text in enumerate(arguments) if not text.startswith("-")), None)
+    end = len(arguments) if word is None or arguments[word] != "ctl" else word + 1
+    options = parser.parse_args(arguments[:end])
+    options.words = arguments[end:]
+    return options
 
 
 def main(arguments):

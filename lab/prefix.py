@@ -22,6 +22,8 @@ STAGE_FOLDER = "VPN/stage"
 DATA_FOLDER = "ProgramData/TELVOR"
 LOG_FILE = "ProgramData/sorvanik-vpn/vpnservice.log"
 EXECUTABLE = r"C:\Program Files\TELVOR\telvor.exe"
+TELVORCTL = r"C:\Program Files\TELVOR\telvorctl.exe"
+PROGRAMS = ("telvor.exe", "telvorctl.exe")
 # Replaced by stand-ins for the service alone: every other program keeps Wine's own.
 REPLACED_LIBRARIES = ("fwpuclnt", "iphlpapi")
 # Key, value, kind, data. Wine makes a service's ProgramData from the public user's folder: with that folder
@@ -117,7 +119,8 @@ def lay_down(prefix, build, seed):
     program, wireguard = drive / PROGRAM_FOLDER, drive / WIREGUARD_FOLDER
     for folder in (program / "data", wireguard, drive / STAGE_FOLDER):
         folder.mkdir(parents=True)
-    shutil.copy(build / "bin" / "telvor.exe", program)
+    for name in PROGRAMS:
+        shutil.copy(build / "bin" / name, program)
     for library in REPLACED_LIBRARIES:
         shutil.copy(standins / f"{library}.dll", program)
     shutil.copy(drive / "windows/system32/iphlpapi.dll", program / "iphlpapi_wine.dll")
@@ -130,7 +133,7 @@ def needed_executables(build):
     """The built files that lay_down and the pipe driver need."""
     names = [f"{library}.dll" for library in REPLACED_LIBRARIES]
     names += ["wireguard.exe", "wg.exe", "pipe_client.exe"]
-    return [build / "bin" / "telvor.exe"] + [build / "lab" / name for name in names]
+    return [build / "bin" / name for name in PROGRAMS] + [build / "lab" / name for name in names]
 
 
 def remove(prefix):

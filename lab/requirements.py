@@ -21,6 +21,7 @@ BUILD = {
     "binutils-mingw-w64-x86-64": "x86_64-w64-mingw32-objdump",
     "ca-certificates": "/etc/ssl/certs/ca-certificates.crt",
     "nlohmann-json3-dev": "/usr/include/nlohmann/json.hpp",
+    "libcli11-dev": "/usr/include/CLI/CLI.hpp",
     "libgtest-dev": "/usr/src/googletest/CMakeLists.txt",
     "npm": "npm",
 }
@@ -40,6 +41,7 @@ TESTS = {
     "g++": "g++",
     "clang-format": "clang-format",
     "python3-pytest": ":pytest",
+    "python3-pexpect": ":pexpect",
 }
 
 

@@ -20,6 +20,8 @@ namespace fs = std::filesystem;
 constexpr size_t kLongestFunction = 70;  // lines
 constexpr size_t kLongestLine = 110;     // columns
 constexpr const char* kSourceFolders[] = {"src", "sim", "lab", "tests", "tools"};
+// What is shipped: the service, and its command line.
+constexpr const char* kHouses[] = {"src/", "tools/"};
 
 struct SourceFile {
   std::string path;  // below the root, with forward slashes
@@ -52,6 +54,11 @@ const std::vector<SourceFile>& AllSources() {
     return found;
   }();
   return files;
+}
+
+bool StandsInAHouse(const SourceFile& file) {
+  return std::any_of(std::begin(kHouses), std::end(kHouses),
+                     [&](const char* house) { return file.path.starts_with(house); });
 }
 
 std::string Where(const SourceFile& file, size_t index) {
@@ -123,8 +130,8 @@ TEST(Tree, KeepsLinesShortAndClean) {
   }
 }
 
-// ---- The house: which floor a room of src/ stands on. A room may include rooms of its own floor and below.
-// ----
+// ---- The houses, src/ and tools/: which floor a room stands on. A room may include rooms of its own floor
+// and below. ----
 
 struct Floor {
   int height;
@@ -146,6 +153,16 @@ const std::vector<Floor>& Floors() {
       {7, {"service/lifecycle", "service/console_host", "service/wiring"}},
       {8, {"service/entry"}},
       {6, {"engine/*", "ipc/*"}},
+      // A house of its own: it knows nothing of the service but the pipe.
+      {0,
+       {"telvorctl/platform", "telvorctl/startup", "telvorctl/exit_codes", "telvorctl/options",
+        "telvorctl/json"}},
+      {1, {"telvorctl/text"}},
+      {2, {"telvorctl/terminal", "telvorctl/service_client"}},
+      {3, {"telvorctl/conclusion", "telvorctl/rendering", "telvorctl/waiting"}},
+      {5, {"telvorctl/command_line"}},
+      {6, {"telvorctl/main"}},
+      {4, {"telvorctl/*"}},
   };
   return floors;
 }
@@ -163,14 +180,16 @@ std::optional<int> HeightOf(const std::string& room) {
 // "src/service/log.cpp" and "service/log.h" are the room service/log; a translation belongs to its platform
 // header.
 std::string RoomOf(std::string path) {
-  if (path.starts_with("src/")) path.erase(0, 4);
+  for (const std::string house : kHouses) {
+    if (path.starts_with(house)) path.erase(0, house.size());
+  }
   path.erase(path.rfind('.'));
   const std::string translation = "_windows";
   if (path.ends_with(translation)) path.erase(path.size() - translation.size());
   return path;
 }
 
-// The rooms of src/ that a file includes.
+// The rooms of a house that a file includes.
 std::vector<std::string> IncludedRooms(const SourceFile& file) {
   static const std::regex kInclude(R"re(^#include "([a-z]+/[a-z0-9_]+\.h)")re");
   std::vector<std::string> rooms;
@@ -184,7 +203,7 @@ std::vector<std::string> IncludedRooms(const SourceFile& file) {
 std::map<std::string, std::set<std::string>> IncludeGraph() {
   std::map<std::string, std::set<std::string>> graph;
   for (const SourceFile& file : AllSources()) {
-    if (!file.path.starts_with("src/")) continue;
+    if (!StandsInAHouse(file)) continue;
     const std::string room = RoomOf(file.path);
     for (const std::string& included : IncludedRooms(file)) {
       if (included != room) graph[room].insert(included);
@@ -195,7 +214,7 @@ std::map<std::string, std::set<std::string>> IncludeGraph() {
 
 TEST(Tree, EveryRoomStandsOnAFloor) {
   for (const SourceFile& file : AllSources()) {
-    if (!file.path.starts_with("src/")) continue;
+    if (!StandsInAHouse(file)) continue;
     EXPECT_TRUE(HeightOf(RoomOf(file.path)).has_value()) << file.path;
   }
 }
@@ -238,12 +257,25 @@ TEST(Tree, TheWorkerKnowsNoSubsystemThatItDrives) {
   }
 }
 
+TEST(Tree, TheHousesKnowNothingOfEachOther) {
+  const auto isCommandLine = [](const std::string& room) { return room.starts_with("telvorctl/"); };
+  size_t commandLineRooms = 0;
+  for (const auto& [room, included] : IncludeGraph()) {
+    if (isCommandLine(room)) ++commandLineRooms;
+    for (const std::string& below : included) {
+      EXPECT_EQ(isCommandLine(room), isCommandLine(below)) << room << " includes " << below;
+    }
+  }
+  EXPECT_GT(commandLineRooms, 5u);
+}
+
 TEST(Tree, TheDispatcherKnowsNoMethod) {
   const auto graph = IncludeGraph();
   for (const char* room : {"ipc/dispatch", "ipc/methods", "ipc/pipe_server"}) {
     const auto included = graph.find(room);
     if (included == graph.end()) continue;
-    for (const char* body : {"ipc/views", "ipc/account_methods", "ipc/intent_methods", "ipc/server_view"}) {
+    for (const char* body : {"ipc/views", "ipc/account_methods", "ipc/subscription_methods",
+                             "ipc/intent_methods", "ipc/server_view"}) {
       EXPECT_FALSE(included->second.contains(body)) << room << " includes " << body;
     }
   }
@@ -289,7 +321,7 @@ constexpr Ban kBans[] = {
 };
 
 bool IsSystemCode(const SourceFile& file) {
-  return file.path.starts_with("src/") && !file.path.ends_with("_windows.cpp") &&
+  return StandsInAHouse(file) && !file.path.ends_with("_windows.cpp") &&
          file.path != "src/service/platform.h";
 }
 
@@ -309,7 +341,7 @@ TEST(Tree, UsesNoBannedCall) {
 
 TEST(Tree, EveryHeaderIsGuardedAndTellsItsSubject) {
   for (const SourceFile& file : AllSources()) {
-    if (!file.path.starts_with("src/") || !file.path.ends_with(".h")) continue;
+    if (!StandsInAHouse(file) || !file.path.ends_with(".h")) continue;
     ASSERT_FALSE(file.lines.empty()) << file.path;
     EXPECT_TRUE(file.lines.front().starts_with("// "))
         << file.path << " does not begin with what it is about";

@@ -1,0 +1,95 @@
+// watch: frames on a terminal and elsewhere, speeds, a service that comes and goes.
+#include "tests/telvorctl/telvorctl_fixture.h"
+
+namespace {
+
+using namespace telvorctl_test;
+using telvorctl::platform::kErrorFileNotFound;
+using telvorctl::platform::kErrorOperationAborted;
+
+std::string Counters(uint64_t received, uint64_t sent) {
+  return R"({"auth_state":"AUTH_OK","last_error":null,"tunnel_status":"CONNECTED","protocol":"WireGuard",)"
+         R"("rx_bytes":)" +
+         std::to_string(received) + R"(,"tx_bytes":)" + std::to_string(sent) +
+         R"(,"public_ip":null,"selected_server_id":null,"selected_server":null})";
+}
+
+TEST_F(Telvorctl, WatchRedrawsOnATerminal) {
+  gScript.outputIsTerminal = true;
+  gScript.width = 31;
+  Result(kGetStatus, Counters(1000, 5000));
+  Result(kGetStatus, Counters(3048, 0));
+  InterruptInPause(2);
+  EXPECT_EQ(Run({"watch"}), 130);
+  const std::string kTitle =
+      "TELVOR, looked at every 2     \n"
+      "seconds; Ctrl+C ends          \n";
+  const std::string kTunnel =
+      "Tunnel      CONNECTED         \n"
+      "(WireGuard)                   \n"
+      "Server      none selected     \n";
+  EXPECT_EQ(gScript.output, "<home><clear><home>" + kTitle + kTunnel +
+                                "Received    1000 B            \n"
+                                "Sent        4.8 KiB           \n"
+                                "Account     logged in         \n"
+                                "<clear><home>" +
+                                kTitle + kTunnel +
+                                "Received    2.9 KiB (1.0      \n"
+                                "KiB/s)                        \n"
+                                "Sent        0 B               \n"
+                                "Account     logged in         \n"
+                                "<clear>");
+  EXPECT_EQ(gScript.now, 5000u);
+}
+
+TEST_F(Telvorctl, WatchWritesBlocksElsewhere) {
+  Result(kGetStatus, Counters(0, 0));
+  InterruptInPause(1);
+  EXPECT_EQ(Run({"watch", "--interval", "60"}), 130);
+  EXPECT_EQ(gScript.output,
+            "TELVOR, looked at every 1 minute; Ctrl+C ends\n"
+            "Tunnel      CONNECTED (WireGuard)\n"
+            "Server      none selected\n"
+            "Received    0 B\n"
+            "Sent        0 B\n"
+            "Account     logged in\n"
+            "\n");
+}
+
+TEST_F(Telvorctl, WatchOutlivesTheService) {
+  CannotOpen(kGetStatus, kErrorFileNotFound);
+  Refusal(kGetStatus, "IPC: no request");
+  Result(kGetStatus, Counters(1024, 0));
+  InterruptInPause(3);  // the first pause is that of opening again
+  EXPECT_EQ(Run({"watch"}), 130);
+  EXPECT_EQ(gScript.output,
+            "TELVOR, looked at every 2 seconds; Ctrl+C ends\n"
+            "IPC: no request\n"
+            "\n"
+            "TELVOR, looked at every 2 seconds; Ctrl+C ends\n"
+            "Tunnel      CONNECTED (WireGuard)\n"
+            "Server      none selected\n"
+            "Received    1.0 KiB\n"
+            "Sent        0 B\n"
+            "Account     logged in\n"
+            "\n");
+}
+
+TEST_F(Telvorctl, WatchForScriptsIsOneLineForEachLook) {
+  gScript.outputIsTerminal = true;
+  Result(kGetStatus, R"({"rx_bytes":1})");
+  Refusal(kGetStatus, "away");
+  Result(kGetStatus, R"({"rx_bytes":2})");
+  InterruptInPause(3);
+  EXPECT_EQ(Run({"watch", "--json"}), 130);
+  EXPECT_EQ(gScript.output, "{\"rx_bytes\":1}\n{\"rx_bytes\":2}\n");
+  EXPECT_EQ(gScript.errors, "telvorctl: away\n");
+}
+
+TEST_F(Telvorctl, WatchIsInterruptedInTheMiddleOfALook) {
+  Broken(kGetStatus, kErrorOperationAborted, "");
+  EXPECT_EQ(Run({"watch"}), 130);
+  EXPECT_EQ(gScript.output, "");
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+#include "telvorctl/tunnel_commands.h"
+
+#include <string>
+#include <vector>
+
+#include "telvorctl/conclusion.h"
+#include "telvorctl/platform.h"
+#include "telvorctl/rendering.h"
+#include "telvorctl/service_client.h"
+#include "telvorctl/terminal.h"
+#include "telvorctl/text.h"
+#include "telvorctl/waiting.h"
+
+namespace telvorctl {
+
+namespace {
+
+ExitCode ShowBriefStatus(const Options& options) {
+  const Reply state = Ask("GetState");
+  return Finish(options, state, {BriefState(state.result)});
+}
+
+std::string ConnectedText() {
+  const Reply status = Ask("GET /ui/status");
+  const std::string server = ServerText(Member(status.result, "selected_server"));
+  const std::string address = TextMember(status.result, "public_ip");
+  return "Connected" + (server.empty() ? "" : " to " + server) +
+         (address.empty() ? "" : ", public address " + address) + ".";
+}
+
+std::vector<std::string> WatchedLines(const Options& options, const Reply& status, TrafficSample& earlier) {
+  std::vector<std::string> lines = {"TELVOR, looked at every " + SpanText(options.intervalSeconds) +
+                                    "; Ctrl+C ends"};
+  if (status.code != kDone) {
+    earlier = TrafficSample();
+    lines.push_back(status.message);
+    return lines;
+  }
+  const uint64_t tick = platform::GetTickCount64();
+  for (std::string& line : StatusLines(status.result, earlier, tick)) lines.push_back(std::move(line));
+  earlier = {NumberMember(status.result, "rx_bytes"), NumberMember(status.result, "tx_bytes"), tick};
+  return lines;
+}
+
+// Drawn over what was there before, so that nothing flickers.
+void DrawFrame(const std::vector<std::string>& lines) {
+  const size_t width = platform::TerminalWidth(platform::Stream::kOutput);
+  const size_t room = width > 1 ? width - 1 : 1;
+  platform::MoveCursorHome();
+  for (const std::string& line : lines) {
+    for (const std::string& piece : WrapColumns(Showable(line), room)) {
+      platform::Write(platform::Stream::kOutput, FitColumns(piece, room, true) + "\n");
+    }
+  }
+  platform::ClearBelowCursor();
+}
+
+void ShowFrame(const Options& options, const Reply& status, TrafficSample& earlier) {
+  if (options.json) {
+    Finish(options, status, {});
+    return;
+  }
+  std::vector<std::string> lines = WatchedLines(options, status, earlier);
+  if (platform::IsTerminal(platform::Stream::kOutput)) {
+    DrawFrame(lines);
+  } else {
+    lines.emplace_back();
+    SayAll(lines);
+  }
+}
+
+}  // namespace
+
+ExitCode ShowStatus(const Options& options) {
+  if (options.brief) return ShowBriefStatus(options);
+  const Reply status = Ask("GET /ui/status");
+  if (status.code != kDone || options.json) return Finish(options, status, {});
+  const Reply state = Ask("GetState");
+  if (state.code != kDone) return Conclude(state);
+  SayAll(StatusLines(status.result));
+  SayAll(DeviceLines(state.result));
+  return kDone;
+}
+
+ExitCode WatchStatus(const Options& options) {
+  TrafficSample earlier;
+  // The first frame clears what was on the screen.
+  if (!options.json && platform::IsTerminal(platform::Stream::kOutput)) {
+    platform::MoveCursorHome();
+    platform::ClearBelowCursor();
+  }
+  for (;;) {
+    const Reply status = Ask("GET /ui/status");
+    if (status.code == kInterrupted) return kInterrupted;
+    ShowFrame(options, status, earlier);
+    if (!platform::Sleep(options.intervalSeconds * 1000)) return kInterrupted;
+  }
+}
+
+ExitCode Connect(const Options& options) {
+  const Reply reply = AskForTrue("Connect");
+  if (reply.code != kDone || options.noWait)
+    return Finish(options, reply, {"The service was asked to connect."});
+  const Reply last = WaitUntilConnected(options.timeoutSeconds);
+  return Finish(options, last, {last.code == kDone && !options.json ? ConnectedText() : ""});
+}
+
+ExitCode Disconnect(const Options& options) {
+  const Reply reply = AskForTrue("Disconnect");
+  if (reply.code != kDone || options.noWait) {
+    return Finish(options, reply, {"The service was asked to disconnect."});
+  }
+  return Finish(options, WaitUntilDisconnected(options.timeoutSeconds), {"Disconnected."});
+}
+
+ExitCode StopService(const Options& options) {
+  Reply reply = Ask("StopService");
+  const bool broken = reply.code == kFailed && reply.line.empty();
+  if (reply.code != kDone && !broken) return Conclude(reply);
+  if (broken) {
+    // The process ends so soon that its reply may be lost with it.
+    reply = WaitUntilStopped();
+    if (reply.code == kDone) reply.result = true;
+  } else if (reply.result != true) {
+    reply.code = kFailed;
+    reply.message = "the service was told to stop, but had not stopped after 8 seconds; see sc query TELVOR";
+  }
+  return Finish(options, reply, {"The service has stopped."});
+}
+
+ExitCode SendRequest(const Options& options) {
+  if (options.line.find_first_of("\r\n") != std::string::npos) {
+    Complain("a request is one line");
+    return kWrongUsage;
+  }
+  Reply reply = SendLine(options.line);
+  if (reply.code != kDone) return Conclude(reply);
+  Say(reply.line);
+  ReadEnvelope(reply);
+  return reply.code;
+}
+
+}  // namespace telvorctl

@@ -1,0 +1,20 @@
+// Waiting for a state of the tunnel, with something to look at meanwhile.
+#pragma once
+
+#include <cstdint>
+
+#include "telvorctl/service_client.h"
+
+namespace telvorctl {
+
+// Polls GetState until the tunnel is up. The last reply, with its code: kFailed if the service has given up,
+// kLoginNeeded if it cannot go on without a login, kTimedOut after so many seconds.
+Reply WaitUntilConnected(uint32_t timeoutSeconds);
+
+// Polls GetState until the tunnel is down. The last reply; kTimedOut after so many seconds.
+Reply WaitUntilDisconnected(uint32_t timeoutSeconds);
+
+// Waits until nobody serves the pipe any more. kDone, or the code of what came instead.
+Reply WaitUntilStopped();
+
+}  // namespace telvorctl
