@@ -1,6 +1,7 @@
 // The account side of the control plane: registration, password reset, quota, entitlement, checkout. Nothing
 // of it is needed for a tunnel and nothing is stored. All give true for success; on false the error text, in
-// fixed English words or the server's own, is shown to the user. The texts given out are cleared first.
+// fixed English words or the server's own, is shown to the user; it can be empty. The texts given out are
+// cleared first.
 //
 // The three GET calls see a refused request as a transport failure, because HttpGet is true for 200 alone;
 // that their other texts are out of reach is wanted, and so is the order of their tests.

@@ -67,9 +67,16 @@ bool RefreshForCaller(const std::wstring& baseUrl, SessionRecord& session, std::
   return true;
 }
 
-std::wstring CachedToken() {
+bool IsFresh(const SessionRecord& session) {
+  return session.expires_at >= platform::Time64() + kExpiryMarginSeconds;
+}
+
+// The cached token counts even where it differs from the file's; wanted.
+bool TakeCachedToken(const SessionRecord& session, std::wstring& token) {
   const std::lock_guard<platform::Mutex> lock(gSessionMutex);
-  return gCachedAccessToken;
+  if (gCachedAccessToken.empty() || !IsFresh(session)) return false;
+  token = gCachedAccessToken;
+  return true;
 }
 
 }  // namespace
@@ -120,11 +127,8 @@ bool EnsureValidAccessToken(const std::wstring& baseUrl, std::wstring& token, st
     return false;
   }
   if (session.access_token.empty() && !RefreshForCaller(baseUrl, session, error)) return false;
-  const bool fresh = session.expires_at >= platform::Time64() + kExpiryMarginSeconds;
-  // The cached token counts even where it differs from the file's; wanted.
-  if (fresh) token = CachedToken();
-  if (!token.empty()) return true;
-  if (!fresh && !RefreshForCaller(baseUrl, session, error)) return false;
+  if (TakeCachedToken(session, token)) return true;
+  if (!IsFresh(session) && !RefreshForCaller(baseUrl, session, error)) return false;
   if (session.access_token.empty()) {
     error = L"session access token empty";
     return false;

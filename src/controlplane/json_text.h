@@ -1,6 +1,6 @@
 // JSON as flat text: readers that search the raw bytes for a quoted key and take what stands after the next
-// colon. They know no nesting, no escapes and no types, and callers depend on just that. None of them logs;
-// on false the output is at its cleared state.
+// colon. They know no nesting, no types and, but for ExtractJsonUrlField, no escapes, and callers depend on
+// just that. None of them logs; on false the output is at its cleared state.
 #pragma once
 
 #include <cstdint>

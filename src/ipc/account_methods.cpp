@@ -14,6 +14,7 @@
 
 namespace {
 
+// Wanted: the message of a login speaks of registration too.
 constexpr char kLoggedIn[] = R"({"ok":true,"auth_state":"AUTH_OK","message":"registered"})";
 // Wanted: a failed login without a text speaks of registration, also when none took place.
 constexpr char kLoginFallback[] = "login failed after registration";
@@ -113,7 +114,7 @@ bool IsRegisteredMethod(const PipeRequest& request, std::string& reply) {
     return true;
   }
   reply = ResultReply(request.id, "{\"email\":" + JsonQuote(TrimAscii(email)) +
-                                      ",\"registered\":" + (registered ? "true" : "false") + "}");
+                                      ",\"registered\":" + JsonWord(registered) + "}");
   return true;
 }
 

@@ -50,7 +50,7 @@ bool StopServiceMethod(const PipeRequest& request, std::string& reply) {
   WriteDisconnectIntent();
   gWorkerOperations.RollbackToOpen();
   const bool stopped = gWorkerOperations.StopOwnService();
-  reply = ResultReply(request.id, stopped ? "true" : "false");
+  reply = ResultReply(request.id, JsonWord(stopped));
   return stopped;
 }
 

@@ -20,6 +20,10 @@ std::string JsonQuoteOrNull(const std::string& text) {
   return text.empty() ? "null" : JsonQuote(text);
 }
 
+const char* JsonWord(bool value) {
+  return value ? "true" : "false";
+}
+
 std::string QuotedMessage(const std::wstring& error, const char* fallback) {
   return JsonQuote(error.empty() ? fallback : WideToUtf8(error));
 }

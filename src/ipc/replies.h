@@ -10,6 +10,9 @@ std::string JsonQuote(const std::string& text);
 // The bare word null for an empty text, else JsonQuote.
 std::string JsonQuoteOrNull(const std::string& text);
 
+// The bare word true or false.
+const char* JsonWord(bool value);
+
 // JsonQuote of the error text, or of `fallback` if that is empty.
 std::string QuotedMessage(const std::wstring& error, const char* fallback);
 

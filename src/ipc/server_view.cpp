@@ -65,7 +65,7 @@ std::string ServerToJson(const ServerRecord& server) {
   return "{\"id\":" + JsonQuote(server.id) + ",\"name\":" + JsonQuote(server.name) +
          ",\"country\":" + JsonQuote(server.country) + ",\"city\":" + JsonQuote(server.city) +
          ",\"lat\":" + std::to_string(server.latitude) + ",\"lon\":" + std::to_string(server.longitude) +
-         ",\"online\":" + (IsOnline(server) ? "true" : "false") +
+         ",\"online\":" + JsonWord(IsOnline(server)) +
          ",\"last_seen_at\":" + JsonQuoteOrNull(server.last_seen_at) + "}";
 }
 

@@ -20,10 +20,6 @@ std::string FailureResult(const char* members, const std::wstring& error, const 
   return std::string("{\"ok\":false,") + members + ",\"message\":" + QuotedMessage(error, fallback) + "}";
 }
 
-const char* Word(bool value) {
-  return value ? "true" : "false";
-}
-
 std::string EntitlementResult() {
   std::wstring token;
   std::wstring error;
@@ -37,8 +33,9 @@ std::string EntitlementResult() {
   if (!CpGetEntitlement(token, paymentCurrent, status, periodEnd, error)) {
     return FailureResult(R"("payment_current":false,"status":"ERROR")", error, "entitlement failed");
   }
-  return std::string("{\"ok\":true,\"payment_current\":") + Word(paymentCurrent) +
-         ",\"status\":" + JsonQuote(status) + ",\"period_end\":" + JsonQuoteOrNull(periodEnd) + "}";
+  return std::string("{\"ok\":true,\"payment_current\":") + JsonWord(paymentCurrent) +
+         ",\"status\":" + JsonQuote(status) + ",\"period_end\":" + JsonQuoteOrNull(TrimAscii(periodEnd)) +
+         "}";
 }
 
 std::string QuotaResult() {
@@ -48,7 +45,7 @@ std::string QuotaResult() {
   if (!HaveToken(token, error)) return FailureResult(kMembers, error, kAuthRequired);
   bool quotaCurrent = false;
   if (!CpGetQuota(token, quotaCurrent, error)) return FailureResult(kMembers, error, "quota check failed");
-  return std::string("{\"ok\":true,\"quota_current\":") + Word(quotaCurrent) + "}";
+  return std::string("{\"ok\":true,\"quota_current\":") + JsonWord(quotaCurrent) + "}";
 }
 
 std::string CheckoutResult() {
@@ -73,6 +70,7 @@ std::string AccountPageResult() {
   std::wstring error;
   if (!HaveToken(token, error)) return FailureResult(R"("account_url":null)", error, kAuthRequired);
   const std::string base = AccountPageBase();
+  // Wanted: whatever the tunnel's state, and the token as it is, not percent-encoded.
   gWorkerOperations.RefreshSplitTunnelRoutes();
   const std::string url = base + "/account?access_token=" + WideToUtf8(token);
   return "{\"ok\":true,\"account_url\":" + JsonQuote(url) + ",\"message\":\"ok\"}";

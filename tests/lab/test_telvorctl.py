@@ -208,9 +208,16 @@ def test_a_connection_that_fails(lab):
     assert "wireguard.exe installtunnelservice failed ec=1\n" in ctl(lab, "logs").output
 
 
-def test_a_log_that_is_gone(lab):
-    (windows.drive(lab) / prefix.LOG_FILE).unlink()
-    assert ctl(lab, "logs", code=FAILED).errors == "telvorctl: the service has no log, or cannot read it\n"
+def test_a_log_that_cannot_be_read(lab):
+    log = windows.drive(lab) / prefix.LOG_FILE
+    with stopped_service(lab):
+        log.unlink()
+        log.mkdir()  # a folder in its place; without one the service would begin a new log
+    try:
+        errors = ctl(lab, "logs", code=FAILED).errors
+    finally:
+        log.rmdir()
+    assert errors == "telvorctl: the service has no log, or cannot read it\n"
     lab.pipe.call("Connect")
     assert "IPC: Connect requested" in ctl(lab, "logs").output
 
