@@ -1,5 +1,6 @@
 // EnsureValidAccessToken: the gate through which every authenticated call gets its token.
 #include <mutex>
+#include <system_error>
 
 #include "controlplane/auth.h"
 #include "controlplane/base_url.h"
@@ -171,20 +172,90 @@ TEST(EnsureValidAccessToken, RefusesAnEmptyToken) {
   EXPECT_EQ(gCachedAccessToken, L"");
 }
 
-// A lock that were still held would stop this thread for good, and the machine reports that.
 TEST(EnsureValidAccessToken, HoldsNoLockAcrossFilesAndNetwork) {
   sim::Machine machine;
   StoreSession("file", 10);
   AnswerInTurn({NewToken()});
-  int looks = 0;
-  for (const char* operation : {"CryptUnprotectData", "WinHttpSendRequest", "CryptProtectData"}) {
-    sim::Before(operation, [&looks] {
-      const std::lock_guard<platform::Mutex> lock(gSessionMutex);
-      ++looks;
-    });
-  }
+  const auto looks = LookForLocksBefore({"CryptUnprotectData", "WinHttpSendRequest", "WinHttpReceiveResponse",
+                                         "CryptProtectData", "CryptProtectData"});
   ExpectToken(Ensure(), L"new");
-  EXPECT_EQ(looks, 3);
+  EXPECT_EQ(*looks, 5U);
+}
+
+// Also where no cached token could be taken: the lock comes first.
+TEST(EnsureValidAccessToken, TakesTheLockBeforeAnyRefresh) {
+  for (const int64_t secondsLeft : {1000, 10}) {
+    for (const wchar_t* cached : {L"", L"cached"}) {
+      sim::Machine machine;
+      StoreSession("file", secondsLeft);
+      const std::string stored = StoredSession();
+      gCachedAccessToken = cached;
+      AnswerAlways(NewToken());
+      sim::FailLock(gSessionMutex);
+      EXPECT_THROW(Ensure(), std::system_error);
+      EXPECT_EQ(Sent(), Lines());
+      EXPECT_EQ(StoredSession(), stored);
+      EXPECT_EQ(gCachedAccessToken, cached);
+    }
+  }
+}
+
+TEST(EnsureValidAccessToken, KeepsTheRefreshedSessionWhenTheCacheCannotBeLocked) {
+  sim::Machine machine;
+  StoreSession("file", 10);
+  gCachedAccessToken = L"cached";
+  AnswerInTurn({NewToken()});
+  sim::Before("WinHttpSendRequest", [] { sim::FailLock(gSessionMutex); });
+  EXPECT_THROW(Ensure(), std::system_error);
+  EXPECT_NE(StoredSession().find(R"("access_token":"new")"), std::string::npos);
+  EXPECT_EQ(gCachedAccessToken, L"cached");
+}
+
+TEST(EnsureValidAccessToken, LooksAtTheClockForACachedTokenAndForTheRefresh) {
+  const struct {
+    const wchar_t* cached;
+    int64_t secondsLeft;
+    size_t looks;
+  } cases[] = {{L"", 1000, 1}, {L"", 10, 1}, {L"cached", 1000, 1}, {L"cached", 10, 2}};
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.secondsLeft);
+    sim::Machine machine;
+    StoreSession("file", one.secondsLeft);
+    gCachedAccessToken = one.cached;
+    AnswerAlways(NewToken());
+    EXPECT_TRUE(Ensure().ok);
+    EXPECT_EQ(sim::CountCalls("_time64"), one.looks);
+  }
+}
+
+// Too old for the cached token, and by the second look good again.
+TEST(EnsureValidAccessToken, TakesTheFilesTokenWhenTheClockGoesBackBetweenTheLooks) {
+  sim::Machine machine;
+  StoreSession("file", 10);
+  gCachedAccessToken = L"cached";
+  sim::Before("_time64", [] { sim::Before("_time64", [] { sim::SetUnixTime(sim::UnixTime() - 1000); }); });
+  ExpectToken(Ensure(), L"file");
+  EXPECT_EQ(gCachedAccessToken, L"file");
+  EXPECT_EQ(Sent(), Lines());
+}
+
+// The check of a cached token is one with its taking: no other thread comes between.
+TEST(EnsureValidAccessToken, LooksAtTheClockUnderTheLockForACachedToken) {
+  sim::Machine machine;
+  StoreSession("file", 1000);
+  gCachedAccessToken = L"cached";
+  bool lockedByOther = false;
+  sim::Before("_time64", [&lockedByOther] {
+    sim::StartThread("other", [&lockedByOther] {
+      const std::lock_guard<platform::Mutex> lock(gSessionMutex);
+      lockedByOther = true;
+    });
+    platform::Sleep(100);
+    EXPECT_FALSE(lockedByOther);
+  });
+  ExpectToken(Ensure(), L"cached");
+  sim::Run(100);
+  EXPECT_TRUE(lockedByOther);
 }
 
 TEST(EnsureValidAccessToken, TwoThreadsNearExpiryBothRefresh) {

@@ -70,6 +70,16 @@ TEST(AccountCalls, KeepNoHandleOpen) {
   }
 }
 
+TEST(AccountCalls, HoldNoLockAcrossTheNetwork) {
+  for (const AccountCall& call : kCalls) {
+    AccountMachine machine;
+    AnswerAlways(Answer(200, kGoodForAll));
+    const auto looks = LookForLocksBefore({"WinHttpSendRequest", "WinHttpReceiveResponse"});
+    EXPECT_TRUE(call.make()) << call.path;
+    EXPECT_EQ(*looks, 2U);
+  }
+}
+
 TEST(AccountCalls, OnlyTheRegistrationLogsOnItsOwn) {
   AccountMachine machine;
   AnswerAlways(Answer(500, "no"));

@@ -129,6 +129,16 @@ TEST(ExtractCheckoutUrl, ScansForTheFirstHttpsAddress) {
   EXPECT_EQ(UrlIn(R"({"link":"https:\/\/pay.test"})"), "(none)");
 }
 
+// No other control character ends the address or is trimmed off it.
+TEST(ExtractCheckoutUrl, GoesOnOverFormFeedVerticalTabAndZeroByte) {
+  for (const char inside : {'\f', '\v', '\0'}) {
+    const std::string address = std::string("https://pay.test/3") + inside + "x" + inside;
+    EXPECT_EQ(UrlIn("Pay at " + address + " now"), address);
+    EXPECT_EQ(UrlIn(address), address);
+    EXPECT_EQ(UrlIn("{\"url\":\"" + address + "\"}"), address);
+  }
+}
+
 TEST(ExtractCheckoutUrl, TakesAnAnswerThatIsNoMoreThanTheScheme) {
   EXPECT_EQ(UrlIn("https://"), "https://");
   EXPECT_EQ(UrlIn("https:/"), "(none)");

@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "engine/tunnel_state.h"
 #include "service/data_files.h"
 #include "sim/files.h"
 #include "sim/http.h"
@@ -89,6 +91,27 @@ inline Lines Operations(const std::string& part) {
     if (entry.operation.find(part) != std::string::npos) names.push_back(entry.operation);
   }
   return names;
+}
+
+// Takes each of the shared locks. One that this thread still held would stop it for good, and the machine
+// reports that.
+inline void TakeEveryLock() {
+  for (platform::Mutex* mutex : {&gSessionMutex, &gLastErrorMutex, &gUiLock, &gBypassMutex}) {
+    const std::lock_guard<platform::Mutex> lock(*mutex);
+  }
+}
+
+// TakeEveryLock just before the next call of each operation; one that is named twice is looked at twice.
+// Gives the number of looks so far.
+inline std::shared_ptr<const size_t> LookForLocksBefore(const Lines& operations) {
+  const auto looks = std::make_shared<size_t>(0);
+  for (const std::string& operation : operations) {
+    sim::Before(operation, [looks] {
+      TakeEveryLock();
+      ++*looks;
+    });
+  }
+  return looks;
 }
 
 // How often the file was opened to be written.

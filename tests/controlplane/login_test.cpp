@@ -182,6 +182,14 @@ TEST(Login, FailsWhenTheKeysCannotBeRotatedThoughTheSessionIsSaved) {
   EXPECT_EQ(sim::LogCount("Auth: "), 1U);
 }
 
+TEST(Login, HoldsNoLockAcrossTheNetworkTheSaveAndTheKeys) {
+  sim::Machine machine;
+  const auto looks = LookForLocksBefore(
+      {"WinHttpSendRequest", "WinHttpReceiveResponse", "CryptProtectData", "BCryptGenRandom"});
+  EXPECT_TRUE(LogInWith(Answer(200, kGoodAnswer)).ok);
+  EXPECT_EQ(*looks, 4U);
+}
+
 TEST(Login, NeverLogsEmailPasswordOrToken) {
   for (const sim::HttpResponse& answer : {NoAnswer(), Answer(401, kGoodAnswer), Answer(200, kGoodAnswer)}) {
     sim::Machine machine;

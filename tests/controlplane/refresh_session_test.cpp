@@ -61,7 +61,9 @@ TEST(RefreshSession, ReplacesTheFieldsAndSaves) {
 TEST(RefreshSession, KeepsTheOldRefreshTokenWhenTheAnswerHasNone) {
   for (const char* body : {R"({"access_token":"new","expires_at":12})",
                            R"({"access_token":"new","refresh_token":"","expires_at":12})",
-                           R"({"access_token":"new","refresh_token":"  ","expires_at":12})"}) {
+                           R"({"access_token":"new","refresh_token":"  ","expires_at":12})",
+                           // No text once it is converted.
+                           "{\"access_token\":\"new\",\"refresh_token\":\"r\xFF\",\"expires_at\":12}"}) {
     SCOPED_TRACE(body);
     sim::Machine machine;
     EXPECT_TRUE(RefreshWith(Answer(200, body)).ok);
@@ -120,6 +122,13 @@ TEST(RefreshSession, NamesTheReasonOfARefusal) {
     ExpectUnchanged(RefreshWith(Answer(one.status, one.body)), one.error);
     EXPECT_EQ(StoredSession(), stored);
   }
+}
+
+TEST(RefreshSession, HoldsNoLockAcrossTheNetworkAndTheSave) {
+  sim::Machine machine;
+  const auto looks = LookForLocksBefore({"WinHttpSendRequest", "WinHttpReceiveResponse", "CryptProtectData"});
+  EXPECT_TRUE(RefreshWith(Answer(200, R"({"access_token":"new","expires_at":12})")).ok);
+  EXPECT_EQ(*looks, 3U);
 }
 
 TEST(RefreshSession, AFailedSaveHasNoErrorText) {

@@ -178,17 +178,11 @@ TEST(CpGetServerLocations, SendsNothingWithoutAToken) {
   EXPECT_EQ(sim::LogBytes(), std::string(kStamp) + "[BOOTSTRAP] AUTH_REQUIRED (no token) \xE2");
 }
 
-// A lock that were still held would stop this thread for good, and the machine reports that.
 TEST(CpGetServerLocations, HoldsNoLockAcrossTheNetwork) {
   sim::Machine machine;
-  bool looked = false;
-  sim::Before("WinHttpSendRequest", [&looked] {
-    const std::lock_guard<platform::Mutex> session(gSessionMutex);
-    const std::lock_guard<platform::Mutex> ui(gUiLock);
-    looked = true;
-  });
+  const auto looks = LookForLocksBefore({"WinHttpSendRequest", "WinHttpReceiveResponse"});
   EXPECT_TRUE(FetchWith(Answer(200, R"({"servers":[]})")).ok);
-  EXPECT_TRUE(looked);
+  EXPECT_EQ(*looks, 2U);
 }
 
 }  // namespace

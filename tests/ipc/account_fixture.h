@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <system_error>
 
 #include "controlplane/base_url.h"
 #include "controlplane/session.h"
@@ -27,6 +28,10 @@ struct AccountMachine {
 
 inline const std::string kLoggedIn =
     ResultText(R"({"ok":true,"auth_state":"AUTH_OK","message":"registered"})");
+
+// What a lock that fails throws, as the reply shows it.
+inline const std::string kLockFailed =
+    ErrorText(std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur)).what());
 
 // The failure that has nothing but a message; `message` as it stands in the reply.
 inline std::string Refused(const std::string& message) {

@@ -113,6 +113,30 @@ TEST(RegisterMethod, DoesNotTakeTheTokenWhenTheKeysAreNotRotated) {
   EXPECT_TRUE(gAuthRequired);
 }
 
+TEST(RegisterMethod, KeepsWhatTheLoginDidWhenTheLockFails) {
+  RegisteringMachine machine;
+  SetAccountState();
+  sim::FailLock(gSessionMutex);
+  EXPECT_EQ(Register(), kLockFailed);
+  EXPECT_NE(StoredSession().find(R"("access_token":"access-1")"), std::string::npos);
+  EXPECT_EQ(gCachedAccessToken, L"access-0");
+  EXPECT_TRUE(gAuthRequired);
+  EXPECT_EQ(gLastError, L"HANDSHAKE_TIMEOUT");
+}
+
+// There is no second save that would bring the session back, unlike in a login; wanted.
+TEST(RegisterMethod, LosesTheSessionToALogoutBehindItsSave) {
+  RegisteringMachine machine;
+  SetAccountState();
+  sim::Before("BCryptGenRandom", [] { Call("POST /ui/logout"); });
+  EXPECT_EQ(Register(), kLoggedIn);
+  EXPECT_FALSE(sim::FileExists(kSessionFile));
+  EXPECT_EQ(gCachedAccessToken, L"access-1");
+  EXPECT_FALSE(gAuthRequired);
+  EXPECT_EQ(gLastError, L"AUTH_REQUIRED");
+  EXPECT_EQ(State(), "desired=0 epoch=6 status=0 up=false");
+}
+
 TEST(RegisterMethod, NeedsBothParametersButNotTheirContent) {
   ExpectMissed("POST /ui/register", {"email", "password"}, "missing email/password");
   RegisteringMachine machine;
@@ -210,6 +234,12 @@ TEST(IsRegisteredMethod, NeedsTheEmailButNotItsContent) {
   EXPECT_EQ(IsRegistered(""), ResultText(R"({"email":"","registered":false})"));
 }
 
+TEST(IsRegisteredMethod, EchoesAZeroByteEscaped) {
+  AccountMachine machine;
+  machine.AnswerTo(kRegisteredPath, Answer(200, R"({"registered":true})"));
+  EXPECT_EQ(IsRegistered(R"(a\u0000b)"), ResultText(R"({"email":"a\u0000b","registered":true})"));
+}
+
 // ---- The start of a password reset ----
 
 std::string StartReset(const std::string& email = "me@example.com") {
@@ -278,7 +308,10 @@ constexpr char kResetDone[] = R"({"ok":true,"message":"password reset complete"}
 constexpr char kConfirmation[] = R"("email":"me@example.com","request_id":"r-1","code":"123456",)"
                                  R"("new_password":"fresh-one")";
 
-std::string ConfirmReset(const std::string& members = kConfirmation) {
+const std::string kConfirmLine =
+    std::string(R"({"id":7,"method":"POST /ui/password-reset/confirm",)") + kConfirmation + "}";
+
+std::string ConfirmReset(const std::string& members) {
   return CallWith("POST /ui/password-reset/confirm", members);
 }
 
@@ -287,7 +320,7 @@ TEST(PasswordResetConfirmMethod, HandsTheFourValuesOnAndDoesNotLogIn) {
   SetAccountState();
   const std::string before = AccountState();
   machine.AnswerTo(kConfirmPath, Answer(204));
-  EXPECT_EQ(ConfirmReset(), ResultText(kResetDone));
+  ExpectTrueReply(kConfirmLine, ResultText(kResetDone));
   EXPECT_EQ(Sent(), Lines{kConfirmPath});
   EXPECT_EQ(SentBodies(), Lines{std::string("{") + kConfirmation + "}"});
   EXPECT_EQ(AccountState(), before);
@@ -308,7 +341,7 @@ TEST(PasswordResetConfirmMethod, GivesTheReasonOfAFailure) {
     SetAccountState();
     const std::string before = AccountState();
     machine.AnswerTo(kConfirmPath, one.answer);
-    EXPECT_EQ(ConfirmReset(), Refused(one.message));
+    ExpectTrueReply(kConfirmLine, Refused(one.message));
     EXPECT_EQ(AccountState(), before);
     EXPECT_EQ(sim::LogBytes().find("fresh-one"), std::string::npos);
   }
@@ -325,6 +358,45 @@ TEST(PasswordResetConfirmMethod, NeedsAllFourParametersButNotTheirContent) {
       ConfirmReset("\"email\":\"\xFF\",\"request_id\":\"\xFF\",\"code\":\"\xFF\",\"new_password\":\"\xFF\""),
       ResultText(kResetDone));
   EXPECT_EQ(SentBodies(), Lines(2, R"({"email":"","request_id":"","code":"","new_password":""})"));
+}
+
+// ---- All of them ----
+
+std::string CallWithAll(const std::string& method, const std::string& email) {
+  return CallWith(
+      method, R"("email":")" + email + R"(","password":"p","request_id":"r","code":"c","new_password":"n")");
+}
+
+// A machine on which the control plane grants everything but the login, which it does not know.
+struct GrantingMachine : AccountMachine {
+  GrantingMachine() { AnswerTo("/v1/auth/", Answer(200, R"({"registered":true,"request_id":"r"})")); }
+};
+
+TEST(RegistrationMethods, HoldNoLockWhileTheyWait) {
+  const struct {
+    const char* method;
+    Lines sent;
+  } cases[] = {{"POST /ui/register", {kRegisterPath, "POST /v1/auth/login"}},
+               {"GET /ui/is-registered", {"GET /v1/auth/registered?email=e"}},
+               {"POST /ui/password-reset/start", {kStartPath}},
+               {"POST /ui/password-reset/confirm", {kConfirmPath}}};
+  for (const auto& one : cases) {
+    GrantingMachine machine;
+    const auto looks = LookForLocksBefore(Lines(one.sent.size(), "WinHttpSendRequest"));
+    CallWithAll(one.method, "e");
+    EXPECT_EQ(Sent(), one.sent);
+    EXPECT_EQ(*looks, one.sent.size());
+  }
+}
+
+TEST(RegistrationMethods, SendAZeroByteEscaped) {
+  for (const char* method :
+       {"POST /ui/register", "POST /ui/password-reset/start", "POST /ui/password-reset/confirm"}) {
+    GrantingMachine machine;
+    CallWithAll(method, R"(e\u0000e)");
+    for (const std::string& body : SentBodies()) EXPECT_EQ(body.find(R"({"email":"e\u0000e")"), 0u) << body;
+    EXPECT_NE(SentBodies(), Lines());
+  }
 }
 
 }  // namespace

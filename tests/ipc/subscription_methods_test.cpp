@@ -101,6 +101,24 @@ TEST(TokenMethods, UseTheTokenInMemory) {
   }
 }
 
+TEST(TokenMethods, HoldNoLockWhileTheyWait) {
+  for (const TokenMethod& method : kTokenMethods) {
+    AccountMachine machine;
+    PutSession("access-0", 299);
+    gWorkerOperations.RefreshSplitTunnelRoutes = [] {
+      TakeEveryLock();
+      Note("RefreshSplitTunnelRoutes");
+    };
+    const bool asks = *method.path;
+    Lines waits = {"CryptUnprotectData", "CryptProtectData", "CryptProtectData", "WinHttpSendRequest"};
+    if (asks) waits.emplace_back("WinHttpSendRequest");
+    const auto looks = LookForLocksBefore(waits);
+    Call(method.name);
+    EXPECT_EQ(*looks, waits.size()) << method.name;
+    EXPECT_EQ(gOperations.calls.size(), asks ? 0u : 1u);
+  }
+}
+
 // It comes back as any other failure, and nobody is logged out.
 TEST(TokenMethods, DoNotTouchTheSessionForATokenThatTheControlPlaneRefuses) {
   const char* const replies[] = {

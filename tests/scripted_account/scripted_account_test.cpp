@@ -7,6 +7,7 @@
 namespace {
 
 bool gOk = false;
+const char* gPeriodEnd = "";
 std::vector<std::wstring> gParameters;  // of the last call
 
 bool Answered(const std::vector<std::wstring>& parameters) {
@@ -42,7 +43,7 @@ bool CpGetEntitlement(const std::wstring& accessToken, bool& paymentCurrent, std
                       std::string& periodEnd, std::wstring&) {
   paymentCurrent = true;
   status = "s\"";
-  periodEnd = "p\"";
+  periodEnd = gPeriodEnd;
   return Answered({accessToken});
 }
 bool CpBillingCheckout(const std::wstring& accessToken, std::string& checkoutUrl, std::wstring&) {
@@ -94,6 +95,7 @@ const struct {
 // The answer of every account call from now on.
 void Script(bool ok) {
   gOk = ok;
+  gPeriodEnd = "p\"";
   gParameters.clear();
 }
 
@@ -116,6 +118,23 @@ TEST(AccountMethods, HandTheAnswersOn) {
     Script(true);
     EXPECT_EQ(CallWith(one.method, kParameters), ResultText(one.success));
     EXPECT_EQ(gParameters, one.parameters);
+  }
+}
+
+// Blanks from the call itself count as nothing; other white space does not.
+TEST(EntitlementMethod, ShowsAPeriodEndOfBlanksAsNull) {
+  const struct {
+    const char* periodEnd;
+    const char* shown;
+  } cases[] = {{"", "null"}, {" \t\r\n ", "null"}, {"\v", "\"\\u000b\""}};
+  for (const auto& one : cases) {
+    AccountMachine machine;
+    PutSession("access-1", 3600);
+    Script(true);
+    gPeriodEnd = one.periodEnd;
+    EXPECT_EQ(Call("GET /ui/entitlement"),
+              ResultText(std::string(R"({"ok":true,"payment_current":true,"status":"s\"","period_end":)") +
+                         one.shown + "}"));
   }
 }
 
