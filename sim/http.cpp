@@ -191,7 +191,7 @@ bool WinHttpCrackUrl(const std::wstring& url, UrlComponents& components) {
                                     components.pathCapacity));
   if (call.Faulted()) return false;
   sim::SplitUrl split;
-  if (const uint32_t error = sim::Split(url, split)) return call.Fail(error);
+  if (const uint32_t error = sim::Split(url.c_str(), split)) return call.Fail(error);
   uint16_t port = 0;
   if (!sim::ParsePort(split, port)) return call.Fail(sim::kWinHttpInvalidUrl);
   if (split.host.size() >= components.hostCapacity || split.path.size() >= components.pathCapacity) {

@@ -234,10 +234,11 @@ TEST(IsRegisteredMethod, NeedsTheEmailButNotItsContent) {
   EXPECT_EQ(IsRegistered(""), ResultText(R"({"email":"","registered":false})"));
 }
 
-TEST(IsRegisteredMethod, EchoesAZeroByteEscaped) {
+TEST(IsRegisteredMethod, EchoesAZeroByteEscapedWhereTheQueryEndsAtIt) {
   AccountMachine machine;
   machine.AnswerTo(kRegisteredPath, Answer(200, R"({"registered":true})"));
   EXPECT_EQ(IsRegistered(R"(a\u0000b)"), ResultText(R"({"email":"a\u0000b","registered":true})"));
+  EXPECT_EQ(Sent(), Lines{"GET /v1/auth/registered?email=a"});
 }
 
 // ---- The start of a password reset ----

@@ -41,6 +41,12 @@ TEST_F(UrlTest, LeavesTheQueryInThePath) {
   EXPECT_EQ(parts.path, L"/v1/auth/registered?email=a%40b.c&x=1");
 }
 
+TEST_F(UrlTest, EndsAtAZero) {
+  platform::UrlComponents parts;
+  ASSERT_TRUE(Crack(std::wstring(L"https://cp.telvor.test/a\0b", 26), parts));
+  EXPECT_EQ(parts.path, L"/a");
+}
+
 TEST_F(UrlTest, GivesAnEmptyPathForABareHost) {
   platform::UrlComponents parts;
   ASSERT_TRUE(Crack(L"https://cp.telvor.test", parts));
