@@ -20,6 +20,8 @@ NEW_EMAIL, NEW_PASSWORD = "mary@telvor.test", "a difference engine"
 ENTER, CTRL_C = "\r", "\x03"
 NOT_THERE_TEXT = ("telvorctl: the TELVOR service is not there. "
                   "Start it from an elevated prompt: sc start TELVOR\n")
+GOES_ON = "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n"
+MAY_GO_ON = "telvorctl: the service may go on connecting; telvorctl disconnect ends it\n"
 
 Finished = collections.namedtuple("Finished", "code output errors")
 
@@ -112,17 +114,31 @@ def test_the_tunnel_from_login_to_logout(lab):
     assert table[1].startswith("*  paris-1")
     assert ctl(lab, "select", "tokyo").output.startswith("Selected Tokyo, JP (tokyo-1).")
     connected = ctl(lab, "connect")
-    assert connected.output == f"Connected to Tokyo, JP (tokyo-1), public address {network.TOKYO.address}.\n"
+    assert connected.output == "Connected. Chosen location: Tokyo, JP (tokyo-1).\n"
     assert connected.errors.splitlines()[0] == "Connecting"
     assert lab.pipe.call("GetState")["state"] == "connected"
     status = ctl(lab, "status").output
     assert "Tunnel      CONNECTED (WireGuard)\n" in status
-    assert "Server      Tokyo, JP (tokyo-1)\n" in status
+    assert f"Chosen      Tokyo, JP (tokyo-1)\nIts IP      {network.TOKYO.address}\n" in status
     assert f"Device id   {network.host_name(network.CLIENT.name)}\n" in status
     assert ctl(lab, "status", "--brief").output.startswith("connected, received ")
     assert ctl(lab, "disconnect").output == "Disconnected.\n"
     assert lab.pipe.call("GetState")["state"] == "disconnected"
-    assert ctl(lab, "logout").output == "Logged out; a tunnel that was up is taken down.\n"
+    assert ctl(lab, "logout").output == "Logged out.\n"
+
+
+# The service takes such a location, and keeps the profile of before when the control plane refuses it.
+def test_a_location_that_is_offline_is_no_place_to_be_connected_to(logged_in_by_ctl):
+    lab = logged_in_by_ctl
+    ctl(lab, "select", "tokyo")
+    ctl(lab, "connect")
+    selected = ctl(lab, "select", "oslo")
+    assert selected.output == ("Selected Oslo, NO (oslo-1). The tunnel is taken down; "
+                               "go on with: telvorctl connect\n")
+    assert selected.errors == ("telvorctl: oslo-1 is offline; "
+                               "the control plane may keep the server of before\n")
+    assert ctl(lab, "connect").output == "Connected. Chosen location: Oslo, NO (oslo-1).\n"
+    assert network.TOKYO.address in lab.agent.wg("show", "telvor", "endpoints")["stdout"]
 
 
 def test_scripts_get_the_service_s_own_results(logged_in_by_ctl):
@@ -188,6 +204,13 @@ def test_a_login_is_needed(lab):
                   ["account-page"], ["connect"]):
         done = ctl(lab, *words, code=LOGIN_NEEDED)
         assert "see telvorctl login" in done.errors
+    assert done.errors.endswith(GOES_ON)
+    note = "Note        an earlier connect may still be waiting for a login; telvorctl disconnect ends it\n"
+    assert note in ctl(lab, "status").output
+    ctl(lab, "login", EMAIL, "--password-stdin", given=PASSWORD + "\n")
+    lab.wait_for_state("connected")  # it did go on
+    assert note not in ctl(lab, "status").output
+    assert ctl(lab, "logout").output == "Logged out; the tunnel is taken down.\n"
 
 
 def test_a_connection_that_does_not_come_in_time(logged_in_by_ctl):
@@ -195,6 +218,7 @@ def test_a_connection_that_does_not_come_in_time(logged_in_by_ctl):
     vpn_servers.set_silent(lab, vpn_servers.PARIS, True)
     done = ctl(lab, "connect", "--timeout", "2", code=TIMED_OUT)
     assert "telvorctl: not connected after 2 seconds" in done.errors
+    assert done.errors.endswith(GOES_ON)
 
 
 def test_a_connection_that_fails(lab):
@@ -204,7 +228,7 @@ def test_a_connection_that_fails(lab):
     lab.agent.fault("tunnel_check", 31, count=-1)
     done = ctl(lab, "connect", code=FAILED)
     assert done.errors.endswith("telvorctl: the connection failed: the service does not say why; "
-                                "see telvorctl logs\n")
+                                "see telvorctl logs\n" + MAY_GO_ON)
     assert "wireguard.exe installtunnelservice failed ec=1\n" in ctl(lab, "logs").output
 
 
@@ -246,6 +270,29 @@ def test_all_sixteen_instances_are_taken(lab):
         done = ctl(lab, "status", code=BUSY)
         assert done.errors.startswith("telvorctl: the TELVOR service is busy: all of its sixteen connections")
     ctl(lab, "status", "--brief")
+
+
+# A reader that goes away
+
+
+@contextlib.contextmanager
+def read_by_a_pipe(lab, *words):
+    with subprocess.Popen(words_of(lab, *words), env=windows.environment(lab), stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as program:
+        try:
+            yield program
+        finally:
+            program.kill()
+
+
+@pytest.mark.parametrize("words", [["watch", "--interval", "1"], ["logs", "-f"]])
+def test_what_goes_on_for_ever_ends_with_its_reader(lab, words):
+    lab.pipe.call("Connect")
+    with read_by_a_pipe(lab, *words) as program:
+        assert program.stdout.readline()
+        program.stdout.close()
+        lab.pipe.call("Disconnect")  # a line for the log
+        assert program.wait(timeout=20) == DONE
 
 
 # At a terminal

@@ -4,6 +4,7 @@
 namespace {
 
 using namespace telvorctl_test;
+using telvorctl::platform::kErrorOperationAborted;
 
 const std::string kSecret = "correct horse";
 const std::string kOldCode = "471100";
@@ -97,14 +98,29 @@ TEST_F(AccountCommands, APromptIsInterrupted) {
 TEST_F(AccountCommands, AnAnswerMustBeOne) {
   Type({""});
   EXPECT_EQ(Run({"login", "ada@x"}), 2);
-  EXPECT_EQ(gScript.errors, "Password: \ntelvorctl: an empty answer is none\n");
+  EXPECT_EQ(gScript.errors, "Password: \ntelvorctl: no password was given\n");
   gScript.errors.clear();
   EXPECT_EQ(Run({"login", "ada@x", "--password-stdin"}), 2);
-  EXPECT_EQ(gScript.errors, "telvorctl: the standard input ended before all that is needed was read\n");
+  EXPECT_EQ(gScript.errors, "telvorctl: no password was given\n");
   gScript.errors.clear();
   gScript.input = {"caf\xE9"};
   EXPECT_EQ(Run({"login", "ada@x", "--password-stdin"}), 2);
   EXPECT_EQ(gScript.errors, "telvorctl: what was read is not UTF-8\n");
+}
+
+TEST_F(AccountCommands, AnAnswerThatIsMissingIsCalledByItsName) {
+  Type({""});
+  EXPECT_EQ(Run({"reset-confirm", "ada@x", "--request-id", "r-7"}), 2);
+  EXPECT_EQ(gScript.errors, "Code: \ntelvorctl: no code was given\n");
+  gScript.errors.clear();
+  gScript.input = {kOldCode};
+  EXPECT_EQ(Run({"reset-confirm", "ada@x", "--request-id", "r-7", "--password-stdin"}), 2);
+  EXPECT_EQ(gScript.errors, "telvorctl: no new password was given\n");
+  gScript.errors.clear();
+  Type({kOldCode, kSecret, ""});
+  EXPECT_EQ(Run({"reset-confirm", "ada@x", "--request-id", "r-7"}), 2);
+  EXPECT_EQ(gScript.errors,
+            "Code: \nNew password: \nNew password again: \ntelvorctl: no new password was given\n");
 }
 
 TEST_F(AccountCommands, RegisterAsksTwice) {
@@ -212,10 +228,20 @@ TEST_F(AccountCommands, ResetConfirmAsksAtATerminal) {
   EXPECT_EQ(Run({"reset-confirm", "ada@x", "--request-id", "r-7"}), 0);
 }
 
-TEST_F(AccountCommands, Logout) {
-  Result(kLogout, R"({"ok":true,"auth_state":"AUTH_REQUIRED","message":"Logged out"})");
+TEST_F(AccountCommands, LogoutTellsOfATunnelThatWasUp) {
+  const std::string loggedOut = R"({"ok":true,"auth_state":"AUTH_REQUIRED","message":"Logged out"})";
+  TunnelIs("connected");
+  Result(kLogout, loggedOut);
   EXPECT_EQ(Run({"logout"}), 0);
-  EXPECT_EQ(gScript.output, "Logged out; a tunnel that was up is taken down.\n");
+  TunnelIs("disconnected");
+  Result(kLogout, loggedOut);
+  EXPECT_EQ(Run({"logout"}), 0);
+  EXPECT_EQ(gScript.output, "Logged out; the tunnel is taken down.\nLogged out.\n");
+}
+
+TEST_F(AccountCommands, LogoutAsksNothingMoreAfterCtrlC) {
+  Broken(kGetState, kErrorOperationAborted, "");
+  EXPECT_EQ(Run({"logout"}), 130);
 }
 
 TEST_F(AccountCommands, Entitlement) {

@@ -64,26 +64,45 @@ TEST_F(Telvorctl, WrongUsageIsToldAndNothingIsAsked) {
   struct Row {
     std::vector<std::string> arguments;
     const char* complaint;
+    const char* help;
   };
   const Row rows[] = {
-      {{"conect"}, "there is no command conect"},
-      {{"status", "now"}, "the command does not take all of these arguments"},
-      {{"login"}, "EMAIL is required"},
-      {{"select"}, "PLACE is required"},
-      {{"request"}, "LINE is required"},
-      {{"reset-confirm", "a@x"}, "--request-id is required"},
-      {{"connect", "--timeout", "0"}, "--timeout: Value 0 not in range 1 to 3600"},
-      {{"connect", "--timeout", "soon"}, "--timeout: Value soon not in range 1 to 3600"},
-      {{"watch", "--interval", "3601"}, "--interval: Value 3601 not in range 1 to 3600"},
-      {{"logs", "-n", "2001"}, "--lines: Value 2001 not in range 1 to 2000"},
+      {{"conect"}, "there is no command conect", "telvorctl --help"},
+      {{"--bogus"}, "there is no option --bogus", "telvorctl --help"},
+      {{"--password=hunter2"}, "there is no option --password", "telvorctl --help"},
+      {{"status", "now"}, "the command does not take all of these arguments", "telvorctl status --help"},
+      {{"watch", "--bogus"}, "the command does not take all of these arguments", "telvorctl watch --help"},
+      {{"login"}, "EMAIL is required", "telvorctl login --help"},
+      {{"select"}, "PLACE is required", "telvorctl select --help"},
+      {{"request"}, "LINE is required", "telvorctl request --help"},
+      {{"reset-confirm", "a@x"}, "--request-id is required", "telvorctl reset-confirm --help"},
+      {{"connect", "--timeout", "0"},
+       "--timeout: Value 0 not in range 1 to 3600",
+       "telvorctl connect --help"},
+      {{"connect", "--timeout", "soon"},
+       "--timeout: Value soon not in range 1 to 3600",
+       "telvorctl connect --help"},
+      {{"watch", "--interval", "3601"},
+       "--interval: Value 3601 not in range 1 to 3600",
+       "telvorctl watch --help"},
+      {{"logs", "-n", "2001"}, "--lines: Value 2001 not in range 1 to 2000", "telvorctl logs --help"},
   };
   for (const Row& row : rows) {
     gScript.errors.clear();
     EXPECT_EQ(Run(row.arguments), 2);
     EXPECT_EQ(gScript.errors,
-              std::string("telvorctl: ") + row.complaint + "\ntelvorctl: see telvorctl --help\n");
+              std::string("telvorctl: ") + row.complaint + "\ntelvorctl: see " + row.help + "\n");
   }
   EXPECT_EQ(gScript.output, "");
+}
+
+TEST_F(Telvorctl, HelpOfALoginShowsScriptsTheirWay) {
+  for (const char* command : {"login", "register"}) {
+    gScript.output.clear();
+    EXPECT_EQ(Run({command, "--help"}), 0);
+    EXPECT_NE(gScript.output.find("A script hands it over with --password-stdin"), std::string::npos)
+        << gScript.output;
+  }
 }
 
 // Someone who takes the password for an argument must not find it on the screen and in a script's log.

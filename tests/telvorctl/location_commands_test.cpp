@@ -4,6 +4,7 @@
 namespace {
 
 using namespace telvorctl_test;
+using telvorctl::platform::kErrorOperationAborted;
 
 const std::string kLocations = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/locations"})";
 const std::string kNone = R"({"servers":[],"selected_server_id":null})";
@@ -70,29 +71,59 @@ TEST_F(Telvorctl, ThereMayBeNoLocations) {
 
 TEST_F(Telvorctl, SelectById) {
   Result(kLocations, kThree);
+  TunnelIs("disconnected");
   Result(Select("us-par-1"), "true");
   Result(kGetStatus, Selected("us-par-1"));
   EXPECT_EQ(Run({"select", "us-par-1"}), 0);
-  EXPECT_EQ(
-      gScript.output,
-      "Selected Paris, US (us-par-1). A tunnel that was up is taken down; go on with: telvorctl connect\n");
+  EXPECT_EQ(gScript.output, "Selected Paris, US (us-par-1). Go on with: telvorctl connect\n");
   EXPECT_EQ(gScript.errors, "");
+}
+
+TEST_F(Telvorctl, SelectTellsOfATunnelThatWasUp) {
+  Result(kLocations, kThree);
+  TunnelIs("connected");
+  Result(Select("us-par-1"), "true");
+  Result(kGetStatus, Selected("us-par-1"));
+  EXPECT_EQ(Run({"select", "us-par-1"}), 0);
+  EXPECT_EQ(gScript.output,
+            "Selected Paris, US (us-par-1). The tunnel is taken down; go on with: telvorctl connect\n");
+}
+
+TEST_F(Telvorctl, SelectAsksNothingMoreAfterCtrlC) {
+  Result(kLocations, kThree);
+  Broken(kGetState, kErrorOperationAborted, "");
+  EXPECT_EQ(Run({"select", "us-par-1"}), 130);
+}
+
+// The service takes it; what it gets for it is the control plane's matter.
+TEST_F(Telvorctl, SelectWarnsOfALocationThatIsOffline) {
+  Result(kLocations, kThree);
+  TunnelIs("disconnected");
+  Result(Select("jp-tyo-1"), "true");
+  Result(kGetStatus, Selected("jp-tyo-1"));
+  EXPECT_EQ(Run({"select", "jp-tyo-1"}), 0);
+  EXPECT_EQ(gScript.output, "Selected Tokyo, JP (jp-tyo-1). Go on with: telvorctl connect\n");
+  EXPECT_EQ(gScript.errors,
+            "telvorctl: jp-tyo-1 is offline; the control plane may keep the server of before\n");
 }
 
 TEST_F(Telvorctl, SelectByACityThatOneServerHas) {
   Result(kLocations, kThree);
+  TunnelIs("disconnected");
   Result(Select("jp-tyo-1"), "true");
   Result(kGetStatus, Selected("jp-tyo-1", R"("HANDSHAKE_TIMEOUT")"));
   EXPECT_EQ(Run({"select", "tokyo", "--json"}), 0);
   EXPECT_EQ(gScript.output, "true\n");
   EXPECT_EQ(
       gScript.errors,
+      "telvorctl: jp-tyo-1 is offline; the control plane may keep the server of before\n"
       "telvorctl: the service reports: HANDSHAKE_TIMEOUT (the VPN server does not answer; see telvorctl "
       "locations for another)\n");
 }
 
 TEST_F(Telvorctl, SelectByName) {
   Result(kLocations, kThree);
+  TunnelIs("disconnected");
   Result(Select("fr-par-1"), "true");
   Result(kGetStatus, Selected("fr-par-1"));
   EXPECT_EQ(Run({"select", "FR-par-1 NAME"}), 0);
@@ -112,6 +143,7 @@ TEST_F(Telvorctl, SelectWithoutACatalogueTakesTheIdAsItIs) {
   Result(kLocations, kNone);
   Result(kGetStatus, Status("DISCONNECTED"));
   Result(kLocations, kNone);
+  TunnelIs("disconnected");
   Result(Select("xx-1"), "true");
   Result(kGetStatus, Selected("xx-1"));
   EXPECT_EQ(Run({"select", "xx-1"}), 0);
@@ -125,6 +157,7 @@ TEST_F(Telvorctl, SelectNeedsALogin) {
 
 TEST_F(Telvorctl, SelectLooksAtWhatTheServiceHasSelected) {
   Result(kLocations, kThree);
+  TunnelIs("disconnected");
   Result(Select("us-par-1"), "true");
   Result(kGetStatus, Selected("fr-par-1"));
   EXPECT_EQ(Run({"select", "us-par-1"}), 1);
@@ -133,6 +166,7 @@ TEST_F(Telvorctl, SelectLooksAtWhatTheServiceHasSelected) {
 
 TEST_F(Telvorctl, SelectIsRefused) {
   Result(kLocations, kThree);
+  TunnelIs("disconnected");
   Refusal(Select("us-par-1"), "missing server_id");
   EXPECT_EQ(Run({"select", "us-par-1"}), 1);
   EXPECT_EQ(gScript.errors, "telvorctl: missing server_id\n");

@@ -96,6 +96,18 @@ TEST_F(Telvorctl, FollowTellsOfAGap) {
   EXPECT_EQ(gScript.errors, "telvorctl: some lines may be missing here\n");
 }
 
+TEST_F(Telvorctl, FollowEndsWhenNobodyReadsItAnyMore) {
+  gScript.writesUntilOutputCloses = 1;
+  Result(kAllLogs, Log({"a", "b"}));
+  EXPECT_EQ(Run({"logs", "-f"}), 0);
+  gScript.writesUntilOutputCloses = 2;
+  Result(kAllLogs, Log({"a", "b"}));
+  Result(kAllLogs, Log({"a", "b", "c"}));
+  EXPECT_EQ(Run({"logs", "-f", "--json"}), 0);
+  EXPECT_EQ(gScript.output, "a\n\"a\"\n\"b\"\n");
+  EXPECT_EQ(gScript.errors, "");
+}
+
 TEST_F(Telvorctl, FollowNeedsAServiceToBeginWith) {
   CannotOpen(kAllLogs, kErrorFileNotFound, true);
   EXPECT_EQ(Run({"logs", "-f"}), 3);

@@ -35,8 +35,10 @@ size_t TerminalWidth(Stream stream) {
   return IsTerminal(stream) ? gScript.width : 0;
 }
 
-void Write(Stream stream, const std::string& text) {
+bool Write(Stream stream, const std::string& text) {
+  if (stream == Stream::kOutput && gScript.writesUntilOutputCloses-- <= 0) return false;
   (stream == Stream::kOutput ? gScript.output : gScript.errors) += text;
+  return true;
 }
 
 void MoveCursorHome() {

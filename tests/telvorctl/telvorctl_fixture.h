@@ -30,6 +30,7 @@ struct Script {
   bool errorsAreTerminal = false;
   size_t width = 80;
   int pausesUntilInterrupt = 1000000;
+  int writesUntilOutputCloses = 1000000;
   // What telvorctl did.
   bool interrupted = false;
   uint64_t now = 1000;
@@ -77,6 +78,9 @@ class Telvorctl : public testing::Test {
     return telvorctl::RunCommandLine(std::move(arguments));
   }
 
+  // The service is asked whether a tunnel is up before what takes it down.
+  static void TunnelIs(const std::string& word);
+
   // Ctrl+C comes in the pause of this number, counted from 1.
   static void InterruptInPause(int number) { gScript.pausesUntilInterrupt = number - 1; }
 };
@@ -100,6 +104,10 @@ inline std::string Status(const std::string& word, const std::string& auth = "AU
          R"("selected_server_id":"fr-par-1","selected_server":{"id":"fr-par-1","name":"Paris 1",)"
          R"("country":"FR","city":"Paris","lat":48.850000,"lon":2.350000,"online":true,)"
          R"("last_seen_at":"2026-01-02T03:04:05Z"}})";
+}
+
+inline void Telvorctl::TunnelIs(const std::string& word) {
+  Result(kGetState, State(word));
 }
 
 }  // namespace telvorctl_test

@@ -5,6 +5,7 @@ namespace {
 
 using namespace telvorctl_test;
 using telvorctl::platform::kErrorFileNotFound;
+using telvorctl::platform::kErrorOperationAborted;
 
 constexpr uint32_t kErrorBrokenPipe = 109;
 const std::string kStop = R"({"jsonrpc":"2.0","id":1,"method":"StopService"})";
@@ -15,8 +16,8 @@ TEST_F(Telvorctl, StatusTellsAll) {
   EXPECT_EQ(Run({"status"}), 0);
   EXPECT_EQ(gScript.output,
             "Tunnel      CONNECTED (WireGuard)\n"
-            "Server      Paris, FR (fr-par-1)\n"
-            "Public IP   203.0.113.1\n"
+            "Chosen      Paris, FR (fr-par-1)\n"
+            "Its IP      203.0.113.1\n"
             "Received    2.0 KiB\n"
             "Sent        10 B\n"
             "Account     logged in\n"
@@ -33,18 +34,41 @@ TEST_F(Telvorctl, StatusWithoutAnything) {
   EXPECT_EQ(Run({"status"}), 0);
   EXPECT_EQ(gScript.output,
             "Tunnel      DISCONNECTED (WireGuard)\n"
-            "Server      none selected\n"
+            "Chosen      no location\n"
             "Received    0 B\n"
             "Sent        0 B\n"
             "Account     login needed\n"
             "Last error  no session: C:\\x (nobody is logged in; see telvorctl login)\n");
 }
 
+// A connect may wait for a login, and nothing that the service tells is different then.
+TEST_F(Telvorctl, StatusTellsOfAConnectThatMayStillBeWaiting) {
+  const std::string note =
+      "Note        an earlier connect may still be waiting for a login; telvorctl disconnect ends it\n";
+  struct Row {
+    const char* tunnel;
+    const char* error;
+    bool noted;
+  };
+  const Row rows[] = {{"DISCONNECTED", "AUTH_REQUIRED", true},
+                      {"DISCONNECTED", "SESSION_EXPIRED", true},
+                      {"DISCONNECTED", "no session: x", false},
+                      {"DISCONNECTED", "HANDSHAKE_TIMEOUT", false},
+                      {"CONNECTED", "AUTH_REQUIRED", false}};
+  for (const Row& row : rows) {
+    gScript.output.clear();
+    Result(kGetStatus, Status(row.tunnel, "AUTH_REQUIRED", row.error));
+    Result(kGetState, State("disconnected"));
+    EXPECT_EQ(Run({"status"}), 0);
+    EXPECT_EQ(gScript.output.find(note) != std::string::npos, row.noted) << gScript.output;
+  }
+}
+
 TEST_F(Telvorctl, StatusNamesASelectedServerThatIsNotInTheCatalogue) {
   Result(kGetStatus, R"({"tunnel_status":"CONNECTED","selected_server_id":"xx-1","selected_server":null})");
   Result(kGetState, State("connected"));
   EXPECT_EQ(Run({"status"}), 0);
-  EXPECT_NE(gScript.output.find("Server      xx-1\n"), std::string::npos) << gScript.output;
+  EXPECT_NE(gScript.output.find("Chosen      xx-1\n"), std::string::npos) << gScript.output;
 }
 
 TEST_F(Telvorctl, StatusForScriptsIsTheResultAlone) {
@@ -72,7 +96,7 @@ TEST_F(Telvorctl, ConnectWaitsForTheTunnel) {
   Result(kGetState, State("connected"));
   Result(kGetStatus, Status("CONNECTED"));
   EXPECT_EQ(Run({"connect"}), 0);
-  EXPECT_EQ(gScript.output, "Connected to Paris, FR (fr-par-1), public address 203.0.113.1.\n");
+  EXPECT_EQ(gScript.output, "Connected. Chosen location: Paris, FR (fr-par-1).\n");
   EXPECT_EQ(gScript.errors, "Connecting\n");  // no terminal: one line, not one for each look
   EXPECT_EQ(gScript.now, 2000u);
 }
@@ -117,13 +141,15 @@ TEST_F(Telvorctl, ConnectTellsWhyItFailed) {
   EXPECT_EQ(Run({"connect"}), 1);
   EXPECT_EQ(gScript.errors,
             "telvorctl: the connection failed: HANDSHAKE_TIMEOUT (the VPN server does not answer; see "
-            "telvorctl locations for another)\n");
+            "telvorctl locations for another)\n"
+            "telvorctl: the service may go on connecting; telvorctl disconnect ends it\n");
   gScript.errors.clear();
   Result(kConnect, "true");
   Result(kGetState, State("error"));
   EXPECT_EQ(Run({"connect"}), 1);
   EXPECT_EQ(gScript.errors,
-            "telvorctl: the connection failed: the service does not say why; see telvorctl logs\n");
+            "telvorctl: the connection failed: the service does not say why; see telvorctl logs\n"
+            "telvorctl: the service may go on connecting; telvorctl disconnect ends it\n");
 }
 
 TEST_F(Telvorctl, ConnectNeedsALogin) {
@@ -131,7 +157,9 @@ TEST_F(Telvorctl, ConnectNeedsALogin) {
   Result(kGetState, State("disconnected", "AUTH_REQUIRED"));
   Result(kGetStatus, Status("DISCONNECTED", "AUTH_REQUIRED"));
   EXPECT_EQ(Run({"connect"}), 6);
-  EXPECT_EQ(gScript.errors, "telvorctl: AUTH_REQUIRED (nobody is logged in; see telvorctl login)\n");
+  EXPECT_EQ(gScript.errors,
+            "telvorctl: AUTH_REQUIRED (nobody is logged in; see telvorctl login)\n"
+            "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
 }
 
 TEST_F(Telvorctl, ConnectNeedsANewLoginForAnExpiredSession) {
@@ -157,7 +185,8 @@ TEST_F(Telvorctl, ConnectTimesOut) {
   EXPECT_EQ(Run({"connect", "--timeout", "3"}), 5);
   EXPECT_EQ(gScript.errors,
             "Connecting, last error: slow\n"
-            "telvorctl: not connected after 3 seconds, last error: slow\n");
+            "telvorctl: not connected after 3 seconds, last error: slow\n"
+            "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
   EXPECT_EQ(gScript.now, 4000u);
 }
 
@@ -170,10 +199,27 @@ TEST_F(Telvorctl, ConnectIsInterrupted) {
             "Connecting\ntelvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
 }
 
+TEST_F(Telvorctl, ConnectIsInterruptedInTheMiddleOfALook) {
+  Result(kConnect, "true");
+  Broken(kGetState, kErrorOperationAborted, "");
+  EXPECT_EQ(Run({"connect"}), 130);
+  EXPECT_EQ(gScript.errors, "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
+}
+
+// What the catalogue says of the chosen location must not be taken for where the tunnel leads.
+TEST_F(Telvorctl, ConnectClaimsNothingWithoutAChosenLocation) {
+  Result(kConnect, "true");
+  Result(kGetState, State("connected"));
+  Result(kGetStatus, R"({"public_ip":"203.0.113.1","selected_server_id":null,"selected_server":null})");
+  EXPECT_EQ(Run({"connect"}), 0);
+  EXPECT_EQ(gScript.output, "Connected.\n");
+}
+
 TEST_F(Telvorctl, ConnectEndsWhenTheServiceDoesSo) {
   Result(kConnect, "true");
   CannotOpen(kGetState, kErrorFileNotFound, true);
   EXPECT_EQ(Run({"connect"}), 3);
+  EXPECT_EQ(gScript.errors.find("goes on"), std::string::npos) << gScript.errors;
 }
 
 TEST_F(Telvorctl, ConnectIsRefused) {
@@ -201,6 +247,9 @@ TEST_F(Telvorctl, DisconnectTimesOut) {
   Result(kDisconnect, "true");
   for (int look = 0; look < 3; ++look) Result(kGetState, State("connected"));
   EXPECT_EQ(Run({"disconnect", "--timeout", "1"}), 5);
+  EXPECT_EQ(gScript.errors,
+            "Disconnecting\ntelvorctl: not disconnected after 1 second\n"
+            "telvorctl: the service goes on disconnecting\n");
 }
 
 TEST_F(Telvorctl, StopBelievesTheReply) {
@@ -231,7 +280,9 @@ TEST_F(Telvorctl, StopTimesOutWhenTheServiceStays) {
   Broken(kStop, kErrorBrokenPipe, "");
   gScript.exchanges.push_back({kGetState, {0, kErrorBrokenPipe, ""}, true});
   EXPECT_EQ(Run({"stop"}), 5);
-  EXPECT_EQ(gScript.errors, "Stopping\ntelvorctl: not stopped after 15 seconds\n");
+  EXPECT_EQ(gScript.errors,
+            "Stopping\ntelvorctl: not stopped after 15 seconds\n"
+            "telvorctl: the service may go on stopping\n");
 }
 
 TEST_F(Telvorctl, StopDoesNotTakeAnAbsentServiceForAStoppedOne) {

@@ -27,7 +27,7 @@ TEST_F(Telvorctl, WatchRedrawsOnATerminal) {
   const std::string kTunnel =
       "Tunnel      CONNECTED         \n"
       "(WireGuard)                   \n"
-      "Server      none selected     \n";
+      "Chosen      no location       \n";
   EXPECT_EQ(gScript.output, "<home><clear><home>" + kTitle + kTunnel +
                                 "Received    1000 B            \n"
                                 "Sent        4.8 KiB           \n"
@@ -49,7 +49,7 @@ TEST_F(Telvorctl, WatchWritesBlocksElsewhere) {
   EXPECT_EQ(gScript.output,
             "TELVOR, looked at every 1 minute; Ctrl+C ends\n"
             "Tunnel      CONNECTED (WireGuard)\n"
-            "Server      none selected\n"
+            "Chosen      no location\n"
             "Received    0 B\n"
             "Sent        0 B\n"
             "Account     logged in\n"
@@ -68,7 +68,7 @@ TEST_F(Telvorctl, WatchOutlivesTheService) {
             "\n"
             "TELVOR, looked at every 2 seconds; Ctrl+C ends\n"
             "Tunnel      CONNECTED (WireGuard)\n"
-            "Server      none selected\n"
+            "Chosen      no location\n"
             "Received    1.0 KiB\n"
             "Sent        0 B\n"
             "Account     logged in\n"
@@ -84,6 +84,29 @@ TEST_F(Telvorctl, WatchForScriptsIsOneLineForEachLook) {
   EXPECT_EQ(Run({"watch", "--json"}), 130);
   EXPECT_EQ(gScript.output, "{\"rx_bytes\":1}\n{\"rx_bytes\":2}\n");
   EXPECT_EQ(gScript.errors, "telvorctl: away\n");
+}
+
+TEST_F(Telvorctl, WatchEndsWhenNobodyReadsItAnyMore) {
+  gScript.writesUntilOutputCloses = 1;
+  Result(kGetStatus, Counters(0, 0));
+  EXPECT_EQ(Run({"watch"}), 0);
+  EXPECT_EQ(gScript.output, "TELVOR, looked at every 2 seconds; Ctrl+C ends\n");
+  gScript.output.clear();
+  gScript.writesUntilOutputCloses = 1;
+  Result(kGetStatus, R"({"rx_bytes":1})");
+  Refusal(kGetStatus, "away");  // nothing to write: goes on
+  Result(kGetStatus, R"({"rx_bytes":2})");
+  EXPECT_EQ(Run({"watch", "--json"}), 0);
+  EXPECT_EQ(gScript.output, "{\"rx_bytes\":1}\n");
+  EXPECT_EQ(gScript.errors, "telvorctl: away\n");
+}
+
+TEST_F(Telvorctl, WatchEndsWithItsTerminal) {
+  gScript.outputIsTerminal = true;
+  gScript.writesUntilOutputCloses = 0;
+  Result(kGetStatus, Counters(0, 0));
+  EXPECT_EQ(Run({"watch"}), 0);
+  EXPECT_EQ(gScript.output, "<home><clear><home>");
 }
 
 TEST_F(Telvorctl, WatchIsInterruptedInTheMiddleOfALook) {

@@ -35,8 +35,8 @@ std::string ResetStartedText(const Json& result) {
 ExitCode ConfirmResetOf(const Options& options, const std::string& requestId) {
   std::string code;
   std::string password;
-  ExitCode asked = AskSecret("Code", options.passwordFromInput, code);
-  if (asked == kDone) asked = AskNewPassword("New password", options.passwordFromInput, password);
+  ExitCode asked = AskSecret("code", options.passwordFromInput, code);
+  if (asked == kDone) asked = AskNewPassword("new password", options.passwordFromInput, password);
   if (asked != kDone) return asked;
   const Reply reply = AskForOk(
       "POST /ui/password-reset/confirm",
@@ -48,7 +48,7 @@ ExitCode ConfirmResetOf(const Options& options, const std::string& requestId) {
 
 ExitCode LogIn(const Options& options) {
   std::string password;
-  const ExitCode asked = AskSecret("Password", options.passwordFromInput, password);
+  const ExitCode asked = AskSecret("password", options.passwordFromInput, password);
   if (asked != kDone) return asked;
   const Reply reply = AskForOk("POST /ui/login", {{"email", options.email}, {"password", password}});
   return Finish(options, reply, {"Logged in as " + options.email + "."});
@@ -56,7 +56,7 @@ ExitCode LogIn(const Options& options) {
 
 ExitCode Register(const Options& options) {
   std::string password;
-  const ExitCode asked = AskNewPassword("Password", options.passwordFromInput, password);
+  const ExitCode asked = AskNewPassword("password", options.passwordFromInput, password);
   if (asked != kDone) return asked;
   const Reply reply = AskForOk("POST /ui/register", {{"email", options.email}, {"password", password}});
   return Finish(options, reply, {options.email + " is registered and logged in."});
@@ -72,7 +72,11 @@ ExitCode IsRegistered(const Options& options) {
 }
 
 ExitCode LogOut(const Options& options) {
-  return Finish(options, AskForOk("POST /ui/logout"), {"Logged out; a tunnel that was up is taken down."});
+  const Reply before = Ask("GetState");
+  if (before.code != kDone) return Conclude(before);
+  const bool wasUp = IsTunnelUp(before.result);
+  return Finish(options, AskForOk("POST /ui/logout"),
+                {wasUp ? "Logged out; the tunnel is taken down." : "Logged out."});
 }
 
 ExitCode ResetPassword(const Options& options) {

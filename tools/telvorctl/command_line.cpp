@@ -56,7 +56,9 @@ void TakeEmail(CLI::App& app, Options& options) {
 void TakeCredentials(CLI::App& app, Options& options) {
   TakeEmail(app, options);
   app.add_flag("--password-stdin", options.passwordFromInput, "read the password from the standard input");
-  app.footer("The password is asked for and not shown; it is never given as an argument.");
+  app.footer(
+      "The password is asked for and not shown; it is never given as an argument.\n"
+      "A script hands it over with --password-stdin, as the first line of the input.");
 }
 
 void TakeReset(CLI::App& app, Options& options) {
@@ -160,21 +162,26 @@ void DefineProgram(CLI::App& app, Options& options) {
   }
 }
 
-ExitCode TellWrongUsage(const std::string& text) {
+// Points at the help of the command that was meant, as far as one was.
+ExitCode TellWrongUsage(const CLI::App& app, const std::string& text) {
+  const std::vector<CLI::App*> commands = app.get_subcommands();
   Complain(text);
-  Complain("see telvorctl --help");
+  Complain("see telvorctl " + (commands.empty() ? "" : commands.front()->get_name() + " ") + "--help");
   return kWrongUsage;
 }
 
-// Names no argument but the command: a password that someone took for one must not be shown.
+// Names no argument but the first, and no option's value: a password that someone took for one must not be
+// shown.
 std::string ExtraArguments(const CLI::App& app) {
-  return app.get_subcommands().empty() ? "there is no command " + app.remaining().front()
-                                       : "the command does not take all of these arguments";
+  if (!app.get_subcommands().empty()) return "the command does not take all of these arguments";
+  const std::string first = app.remaining().front();
+  return first.starts_with('-') ? "there is no option " + first.substr(0, first.find('='))
+                                : "there is no command " + first;
 }
 
 // The help, the version, or what is wrong with the command line.
 ExitCode TellOfParsing(const CLI::App& app, const CLI::ParseError& error) {
-  if (error.get_exit_code() != 0) return TellWrongUsage(error.what());
+  if (error.get_exit_code() != 0) return TellWrongUsage(app, error.what());
   const bool ofProgram = app.get_subcommands().empty() && app.get_help_ptr()->count() > 0;
   std::ostringstream help;
   app.exit(error, help);
@@ -192,9 +199,9 @@ ExitCode RunCommandLine(std::vector<std::string> arguments) {
   try {
     app.parse(arguments);
   } catch (const CLI::ExtrasError&) {
-    return TellWrongUsage(ExtraArguments(app));
+    return TellWrongUsage(app, ExtraArguments(app));
   } catch (const CLI::ConversionError&) {
-    return TellWrongUsage("an option has a value that it does not take");
+    return TellWrongUsage(app, "an option has a value that it does not take");
   } catch (const CLI::ParseError& error) {
     return TellOfParsing(app, error);
   }

@@ -49,7 +49,8 @@ std::string ListedIds(const std::vector<Json>& servers) {
   return text;
 }
 
-// kDone with the id and a text to call it by; or a complaint was made.
+// kDone with the id and a text to call it by, and a warning if the server is offline; or a complaint was
+// made.
 ExitCode ChooseServer(const std::string& place, std::string& id, std::string& called) {
   const Reply locations = FetchLocations();
   if (locations.code != kDone) return Conclude(locations);
@@ -60,6 +61,9 @@ ExitCode ChooseServer(const std::string& place, std::string& id, std::string& ca
   if (found.size() == 1) {
     id = TextMember(found.front(), "id");
     called = ServerText(found.front());
+    if (Member(found.front(), "online") == false) {
+      Complain(id + " is offline; the control plane may keep the server of before");
+    }
     return kDone;
   }
   Complain(found.empty() ? "there is no location " + place + "; see telvorctl locations"
@@ -82,6 +86,8 @@ ExitCode SelectLocation(const Options& options) {
   std::string called;
   const ExitCode chosen = ChooseServer(options.place, id, called);
   if (chosen != kDone) return chosen;
+  const Reply before = Ask("GetState");
+  if (before.code != kDone) return Conclude(before);
   const Reply reply = AskForTrue("POST /ui/select-location", {{"server_id", id}});
   if (reply.code != kDone) return Conclude(reply);
   // The service says true even if it could not tell the control plane: what it has selected decides.
@@ -94,9 +100,8 @@ ExitCode SelectLocation(const Options& options) {
   }
   const std::string error = TextMember(status.result, "last_error");
   if (!error.empty()) Complain("the service reports: " + Explained(error));
-  return Finish(
-      options, reply,
-      {"Selected " + called + ". A tunnel that was up is taken down; go on with: telvorctl connect"});
+  const char* const next = IsTunnelUp(before.result) ? ". The tunnel is taken down; go on" : ". Go on";
+  return Finish(options, reply, {"Selected " + called + next + " with: telvorctl connect"});
 }
 
 }  // namespace telvorctl

@@ -29,14 +29,12 @@ std::vector<std::string> LinesOf(const Reply& reply) {
   return lines;
 }
 
-void SayLines(const Options& options, const std::vector<std::string>& lines, size_t first) {
+// False if nobody reads them any more.
+bool SayLines(const Options& options, const std::vector<std::string>& lines, size_t first) {
   for (size_t i = first; i < lines.size(); ++i) {
-    if (options.json) {
-      SayJson(lines[i]);
-    } else {
-      Say(lines[i]);
-    }
+    if (!(options.json ? SayJson(lines[i]) : Say(lines[i]))) return false;
   }
+  return true;
 }
 
 struct Following {
@@ -44,20 +42,21 @@ struct Following {
   bool away = false;  // told that the service does not answer
 };
 
-// One poll's reply: the new lines, or once a word that there is nothing to hear.
-void TakePoll(const Options& options, const Reply& reply, Following& following) {
+// One poll's reply: the new lines, or once a word that there is nothing to hear. False as for SayLines.
+bool TakePoll(const Options& options, const Reply& reply, Following& following) {
   if (reply.code != kDone) {
     if (!following.away) Complain(reply.message + "; waiting for it");
     following.away = true;
-    return;
+    return true;
   }
   if (following.away) Complain("the service answers again");
   following.away = false;
   std::vector<std::string> lines = LinesOf(reply);
   const size_t first = FirstNewLine(following.seen, lines);
   if (first == 0 && !following.seen.empty() && !lines.empty()) Complain("some lines may be missing here");
-  SayLines(options, lines, first);
+  const bool said = SayLines(options, lines, first);
   following.seen = std::move(lines);
+  return said;
 }
 
 ExitCode Follow(const Options& options, Following following) {
@@ -65,7 +64,7 @@ ExitCode Follow(const Options& options, Following following) {
     if (!platform::Sleep(kFollowPauseMs)) return kInterrupted;
     const Reply reply = AskForLog(options, kMostLogLines);
     if (reply.code == kInterrupted) return kInterrupted;
-    TakePoll(options, reply, following);
+    if (!TakePoll(options, reply, following)) return kDone;
   }
 }
 
@@ -76,7 +75,8 @@ ExitCode FollowFromEnd(const Options& options) {
   if (reply.code != kDone) return Conclude(reply);
   Following following{LinesOf(reply), false};
   const size_t wanted = options.lines > 0 ? options.lines : kLinesUnlessTold;
-  SayLines(options, following.seen, following.seen.size() - std::min(wanted, following.seen.size()));
+  const size_t first = following.seen.size() - std::min(wanted, following.seen.size());
+  if (!SayLines(options, following.seen, first)) return kDone;
   return Follow(options, std::move(following));
 }
 

@@ -11,7 +11,7 @@
 namespace telvorctl {
 
 // GET /ui/logs, or GetRecentLogs with --recent. With --follow it goes on with what is added, also beyond
-// restarts of the service, until Ctrl+C.
+// restarts of the service, until Ctrl+C; kDone when nobody reads it any more.
 ExitCode ShowLogs(const Options& options);
 
 // Where in `later` the lines begin that `earlier` does not have yet, both being ends of one growing log. 0 if

@@ -33,8 +33,8 @@ enum class Stream { kInput, kOutput, kErrors };
 bool IsTerminal(Stream stream);
 // Columns of the terminal that `stream` is; 0 if it is none.
 size_t TerminalWidth(Stream stream);
-// All of the text, line feeds as they are.
-void Write(Stream stream, const std::string& text);
+// All of the text, line feeds as they are. False if nobody takes it any more.
+bool Write(Stream stream, const std::string& text);
 // To the upper left corner of what the output's terminal shows.
 void MoveCursorHome();
 // Blanks the output's terminal from the cursor on.

@@ -115,21 +115,24 @@ void ReadTyping(const std::shared_ptr<Typing>& typing) {
   SetEvent(typing->done.get());
 }
 
-void WriteBytes(HANDLE file, const std::string& text) {
+bool WriteBytes(HANDLE file, const std::string& text) {
   for (size_t done = 0; done < text.size();) {
     DWORD count = 0;
-    if (!WriteFile(file, text.data() + done, static_cast<DWORD>(text.size() - done), &count, nullptr)) return;
+    const auto size = static_cast<DWORD>(text.size() - done);
+    if (!WriteFile(file, text.data() + done, size, &count, nullptr) || count == 0) return false;
     done += count;
   }
+  return true;
 }
 
-void WriteToConsole(HANDLE terminal, const std::wstring& text) {
+bool WriteToConsole(HANDLE terminal, const std::wstring& text) {
   for (size_t done = 0; done < text.size();) {
     DWORD count = 0;
     const auto size = static_cast<DWORD>(std::min<size_t>(text.size() - done, 8192));
-    if (!WriteConsoleW(terminal, text.data() + done, size, &count, nullptr) || count == 0) return;
+    if (!WriteConsoleW(terminal, text.data() + done, size, &count, nullptr) || count == 0) return false;
     done += count;
   }
+  return true;
 }
 
 }  // namespace
@@ -178,13 +181,9 @@ size_t TerminalWidth(Stream stream) {
   return static_cast<size_t>(info.srWindow.Right - info.srWindow.Left + 1);
 }
 
-void Write(Stream stream, const std::string& text) {
+bool Write(Stream stream, const std::string& text) {
   const HANDLE handle = StreamHandle(stream);
-  if (IsTerminal(stream)) {
-    WriteToConsole(handle, Utf8ToWide(text));
-  } else {
-    WriteBytes(handle, text);
-  }
+  return IsTerminal(stream) ? WriteToConsole(handle, Utf8ToWide(text)) : WriteBytes(handle, text);
 }
 
 void MoveCursorHome() {

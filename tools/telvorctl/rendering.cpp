@@ -15,13 +15,6 @@ std::string TrafficText(uint64_t now, uint64_t before, uint64_t elapsedMs) {
   return SizeText(now) + " (" + SizeText((now - before) * 1000 / elapsedMs) + "/s)";
 }
 
-std::string SelectedServerText(const Json& status) {
-  const Json& server = Member(status, "selected_server");
-  if (server.is_object()) return ServerText(server);
-  const std::string id = TextMember(status, "selected_server_id");
-  return id.empty() ? "none selected" : id;
-}
-
 std::string AccountText(const Json& status) {
   return TextMember(status, "auth_state") == "AUTH_OK" ? "logged in" : "login needed";
 }
@@ -42,6 +35,15 @@ const char* YesOrNo(bool value) {
   return value ? "yes" : "no";
 }
 
+// The service tells nobody whether it still tries to connect. Between two tries that fail for want of a login
+// it shows what it also shows after a disconnect and after a logout.
+std::string DoubtText(const Json& status) {
+  const std::string error = TextMember(status, "last_error");
+  const bool lacksLogin = error == "AUTH_REQUIRED" || error == "SESSION_EXPIRED";
+  if (TextMember(status, "tunnel_status") != "DISCONNECTED" || !lacksLogin) return {};
+  return "an earlier connect may still be waiting for a login; telvorctl disconnect ends it";
+}
+
 }  // namespace
 
 std::string ServerText(const Json& server) {
@@ -54,18 +56,30 @@ std::string ServerText(const Json& server) {
   return text.empty() ? id : text + " (" + id + ")";
 }
 
+bool IsTunnelUp(const Json& state) {
+  return TextMember(state, "state") == "connected";
+}
+
+std::string ChosenServerText(const Json& status) {
+  const Json& server = Member(status, "selected_server");
+  return server.is_object() ? ServerText(server) : TextMember(status, "selected_server_id");
+}
+
 std::vector<std::string> StatusLines(const Json& status, const TrafficSample& earlier, uint64_t tick) {
   const uint64_t elapsed = earlier.tick == 0 ? 0 : tick - earlier.tick;
+  const std::string chosen = ChosenServerText(status);
   Rows rows = {
       {"Tunnel", TextMember(status, "tunnel_status") + " (" + TextMember(status, "protocol") + ")"},
-      {"Server", SelectedServerText(status)},
+      {"Chosen", chosen.empty() ? "no location" : chosen},
   };
-  AddUnlessEmpty(rows, "Public IP", TextMember(status, "public_ip"));
+  // What the catalogue says of the chosen server: the tunnel may be down, or lead elsewhere.
+  AddUnlessEmpty(rows, "Its IP", TextMember(status, "public_ip"));
   rows.push_back({"Received", TrafficText(NumberMember(status, "rx_bytes"), earlier.received, elapsed)});
   rows.push_back({"Sent", TrafficText(NumberMember(status, "tx_bytes"), earlier.sent, elapsed)});
   rows.push_back({"Account", AccountText(status)});
   const std::string error = TextMember(status, "last_error");
   AddUnlessEmpty(rows, "Last error", error.empty() ? error : Explained(error));
+  AddUnlessEmpty(rows, "Note", DoubtText(status));
   return LabelledLines(std::move(rows));
 }
 

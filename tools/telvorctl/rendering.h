@@ -33,6 +33,13 @@ std::vector<std::string> LocationLines(const Json& locations);
 // Result of GET /ui/entitlement.
 std::vector<std::string> EntitlementLines(const Json& entitlement);
 
+// Whether the result of GetState says that the tunnel is up.
+bool IsTunnelUp(const Json& state);
+
+// The server that is chosen, from the result of GET /ui/status: as ServerText, or its id alone if it is not
+// in the catalogue. Empty if none is. The tunnel need not lead there.
+std::string ChosenServerText(const Json& status);
+
 // A server object in short: "Paris, FR (fr-par-1)", as far as its parts are there.
 std::string ServerText(const Json& server);
 

@@ -1,6 +1,7 @@
 #include "telvorctl/terminal.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "telvorctl/platform.h"
 #include "telvorctl/text.h"
@@ -13,37 +14,50 @@ using platform::Stream;
 
 constexpr size_t kWidthUnlessKnown = 80;
 
-ExitCode ReadSecret(const std::string& prompt, bool fromInput, std::string& secret) {
-  if (fromInput) {
-    if (platform::ReadInputLine(secret)) return kDone;
-    Complain("the standard input ended before all that is needed was read");
-    return kWrongUsage;
-  }
-  if (!platform::IsTerminal(Stream::kInput)) {
-    Complain("there is no terminal to ask at; in a script hand it over with --password-stdin");
-    return kWrongUsage;
-  }
+bool TypeSecret(const std::string& prompt, std::string& secret) {
   platform::Write(Stream::kErrors, prompt + ": ");
   const bool typed = platform::ReadHiddenLine(secret);
   platform::Write(Stream::kErrors, "\n");
-  if (typed) return kDone;
-  if (platform::WasInterrupted()) return kInterrupted;
-  Complain("nothing was typed");
-  return kWrongUsage;
+  return typed;
+}
+
+std::string PromptFor(std::string name) {
+  name.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(name.front())));
+  return name;
+}
+
+ExitCode AskSecretBy(const std::string& prompt, const std::string& name, bool fromInput,
+                     std::string& secret) {
+  if (!fromInput && !platform::IsTerminal(Stream::kInput)) {
+    Complain("there is no terminal to ask at; in a script hand it over with --password-stdin");
+    return kWrongUsage;
+  }
+  const bool given = fromInput ? platform::ReadInputLine(secret) : TypeSecret(prompt, secret);
+  if (!given && platform::WasInterrupted()) return kInterrupted;
+  if (secret.ends_with('\r')) secret.pop_back();
+  if (!given || secret.empty()) {
+    Complain("no " + name + " was given");
+    return kWrongUsage;
+  }
+  if (!IsUtf8(secret)) {
+    Complain("what was read is not UTF-8");
+    return kWrongUsage;
+  }
+  return kDone;
 }
 
 }  // namespace
 
-void Say(const std::string& line) {
-  platform::Write(Stream::kOutput, Showable(line) + "\n");
+bool Say(const std::string& line) {
+  return platform::Write(Stream::kOutput, Showable(line) + "\n");
 }
 
-void SayAll(const std::vector<std::string>& lines) {
-  for (const std::string& line : lines) Say(line);
+bool SayAll(const std::vector<std::string>& lines) {
+  return std::all_of(lines.begin(), lines.end(), Say);
 }
 
-void SayJson(const Json& value) {
-  Say(value.dump());
+bool SayJson(const Json& value) {
+  return Say(value.dump());
 }
 
 void Complain(const std::string& text) {
@@ -72,26 +86,15 @@ void ClearProgress(Progress& progress) {
   progress = Progress();
 }
 
-ExitCode AskSecret(const std::string& prompt, bool fromInput, std::string& secret) {
-  const ExitCode code = ReadSecret(prompt, fromInput, secret);
-  if (code != kDone) return code;
-  if (secret.ends_with('\r')) secret.pop_back();
-  if (secret.empty()) {
-    Complain("an empty answer is none");
-    return kWrongUsage;
-  }
-  if (!IsUtf8(secret)) {
-    Complain("what was read is not UTF-8");
-    return kWrongUsage;
-  }
-  return kDone;
+ExitCode AskSecret(const std::string& name, bool fromInput, std::string& secret) {
+  return AskSecretBy(PromptFor(name), name, fromInput, secret);
 }
 
-ExitCode AskNewPassword(const std::string& prompt, bool fromInput, std::string& password) {
-  const ExitCode code = AskSecret(prompt, fromInput, password);
+ExitCode AskNewPassword(const std::string& name, bool fromInput, std::string& password) {
+  const ExitCode code = AskSecret(name, fromInput, password);
   if (code != kDone || fromInput) return code;
   std::string again;
-  const ExitCode second = AskSecret(prompt + " again", false, again);
+  const ExitCode second = AskSecretBy(PromptFor(name) + " again", name, false, again);
   if (second != kDone) return second;
   if (again == password) return kDone;
   Complain("the two passwords differ");

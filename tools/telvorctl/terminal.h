@@ -10,12 +10,12 @@
 
 namespace telvorctl {
 
-// A line on the standard output, made showable.
-void Say(const std::string& line);
-void SayAll(const std::vector<std::string>& lines);
+// A line on the standard output, made showable. False if nobody reads it any more.
+bool Say(const std::string& line);
+bool SayAll(const std::vector<std::string>& lines);
 
-// The value as one line on the standard output.
-void SayJson(const Json& value);
+// The value as one line on the standard output. False as for Say.
+bool SayJson(const Json& value);
 
 // "telvorctl: " and the text as a line on the standard error, made showable.
 void Complain(const std::string& text);
@@ -30,12 +30,12 @@ void ShowProgress(Progress& progress, const std::string& text, uint64_t seconds)
 // Leaves the terminal with an empty line again.
 void ClearProgress(Progress& progress);
 
-// Asks for a secret at the terminal without showing it; with `fromInput` takes a line of the standard input
-// instead, and shows no prompt. kWrongUsage with a complaint if there is no terminal, no line, an empty one
-// or one that is no UTF-8; kInterrupted after Ctrl+C.
-ExitCode AskSecret(const std::string& prompt, bool fromInput, std::string& secret);
+// Asks at the terminal for the secret of this name ("new password"), without showing it; with `fromInput`
+// takes a line of the standard input instead, and shows no prompt. kWrongUsage with a complaint if there is
+// no terminal, no line, an empty one or one that is no UTF-8; kInterrupted after Ctrl+C.
+ExitCode AskSecret(const std::string& name, bool fromInput, std::string& secret);
 
 // As AskSecret, asked twice at a terminal; two answers that differ are a wrong usage.
-ExitCode AskNewPassword(const std::string& prompt, bool fromInput, std::string& password);
+ExitCode AskNewPassword(const std::string& name, bool fromInput, std::string& password);
 
 }  // namespace telvorctl

@@ -20,12 +20,18 @@ ExitCode ShowBriefStatus(const Options& options) {
   return Finish(options, state, {BriefState(state.result)});
 }
 
+// The service does not tell where the tunnel leads, only what was chosen.
 std::string ConnectedText() {
-  const Reply status = Ask("GET /ui/status");
-  const std::string server = ServerText(Member(status.result, "selected_server"));
-  const std::string address = TextMember(status.result, "public_ip");
-  return "Connected" + (server.empty() ? "" : " to " + server) +
-         (address.empty() ? "" : ", public address " + address) + ".";
+  const std::string chosen = ChosenServerText(Ask("GET /ui/status").result);
+  return chosen.empty() ? "Connected." : "Connected. Chosen location: " + chosen + ".";
+}
+
+// As Finish, for the reply that ended a wait. What the service was asked for stands also when the wait has
+// failed: `goesOn` tells of it, unless there is no service any more.
+ExitCode FinishWait(const Options& options, const Reply& last, const std::string& line, const char* goesOn) {
+  const ExitCode code = Finish(options, last, {line});
+  if (code != kDone && code != kNotThere) Complain(goesOn);
+  return code;
 }
 
 std::vector<std::string> WatchedLines(const Options& options, const Reply& status, TrafficSample& earlier) {
@@ -43,30 +49,29 @@ std::vector<std::string> WatchedLines(const Options& options, const Reply& statu
 }
 
 // Drawn over what was there before, so that nothing flickers.
-void DrawFrame(const std::vector<std::string>& lines) {
+bool DrawFrame(const std::vector<std::string>& lines) {
   const size_t width = platform::TerminalWidth(platform::Stream::kOutput);
   const size_t room = width > 1 ? width - 1 : 1;
   platform::MoveCursorHome();
   for (const std::string& line : lines) {
     for (const std::string& piece : WrapColumns(Showable(line), room)) {
-      platform::Write(platform::Stream::kOutput, FitColumns(piece, room, true) + "\n");
+      if (!platform::Write(platform::Stream::kOutput, FitColumns(piece, room, true) + "\n")) return false;
     }
   }
   platform::ClearBelowCursor();
+  return true;
 }
 
-void ShowFrame(const Options& options, const Reply& status, TrafficSample& earlier) {
+// False if nobody reads what is written any more.
+bool ShowFrame(const Options& options, const Reply& status, TrafficSample& earlier) {
   if (options.json) {
-    Finish(options, status, {});
-    return;
+    Conclude(status);
+    return status.result.is_null() || SayJson(status.result);
   }
   std::vector<std::string> lines = WatchedLines(options, status, earlier);
-  if (platform::IsTerminal(platform::Stream::kOutput)) {
-    DrawFrame(lines);
-  } else {
-    lines.emplace_back();
-    SayAll(lines);
-  }
+  if (platform::IsTerminal(platform::Stream::kOutput)) return DrawFrame(lines);
+  lines.emplace_back();
+  return SayAll(lines);
 }
 
 }  // namespace
@@ -92,7 +97,7 @@ ExitCode WatchStatus(const Options& options) {
   for (;;) {
     const Reply status = Ask("GET /ui/status");
     if (status.code == kInterrupted) return kInterrupted;
-    ShowFrame(options, status, earlier);
+    if (!ShowFrame(options, status, earlier)) return kDone;
     if (!platform::Sleep(options.intervalSeconds * 1000)) return kInterrupted;
   }
 }
@@ -102,7 +107,10 @@ ExitCode Connect(const Options& options) {
   if (reply.code != kDone || options.noWait)
     return Finish(options, reply, {"The service was asked to connect."});
   const Reply last = WaitUntilConnected(options.timeoutSeconds);
-  return Finish(options, last, {last.code == kDone && !options.json ? ConnectedText() : ""});
+  return FinishWait(options, last, last.code == kDone && !options.json ? ConnectedText() : "",
+                    // Some failures park the service, others it tries to overcome.
+                    last.code == kFailed ? "the service may go on connecting; telvorctl disconnect ends it"
+                                         : "the service goes on connecting; telvorctl disconnect ends it");
 }
 
 ExitCode Disconnect(const Options& options) {
@@ -110,10 +118,12 @@ ExitCode Disconnect(const Options& options) {
   if (reply.code != kDone || options.noWait) {
     return Finish(options, reply, {"The service was asked to disconnect."});
   }
-  return Finish(options, WaitUntilDisconnected(options.timeoutSeconds), {"Disconnected."});
+  return FinishWait(options, WaitUntilDisconnected(options.timeoutSeconds), "Disconnected.",
+                    "the service goes on disconnecting");
 }
 
 ExitCode StopService(const Options& options) {
+  constexpr char kStopped[] = "The service has stopped.";
   Reply reply = Ask("StopService");
   const bool broken = reply.code == kFailed && reply.line.empty();
   if (reply.code != kDone && !broken) return Conclude(reply);
@@ -121,11 +131,13 @@ ExitCode StopService(const Options& options) {
     // The process ends so soon that its reply may be lost with it.
     reply = WaitUntilStopped();
     if (reply.code == kDone) reply.result = true;
-  } else if (reply.result != true) {
+    return FinishWait(options, reply, kStopped, "the service may go on stopping");
+  }
+  if (reply.result != true) {
     reply.code = kFailed;
     reply.message = "the service was told to stop, but had not stopped after 8 seconds; see sc query TELVOR";
   }
-  return Finish(options, reply, {"The service has stopped."});
+  return Finish(options, reply, {kStopped});
 }
 
 ExitCode SendRequest(const Options& options) {

@@ -9,7 +9,7 @@ namespace telvorctl {
 // GET /ui/status and GetState; with --brief GetState alone, with --json alone GET /ui/status.
 ExitCode ShowStatus(const Options& options);
 
-// Redraws the status until Ctrl+C, whether or not the service is there.
+// Redraws the status until Ctrl+C, whether or not the service is there. kDone when nobody reads it any more.
 ExitCode WatchStatus(const Options& options);
 
 // Connect, and unless --no-wait a wait for the tunnel: kFailed if the service gives up, kLoginNeeded if it

@@ -16,7 +16,6 @@ constexpr uint32_t kStopPatienceSeconds = 15;
 struct Wait {
   const char* progress;          // what is shown meanwhile
   const char* afterTimeout;      // ... begins the message
-  const char* afterCtrlC;        // the message
   bool (*isOver)(Reply& reply);  // looks at a poll's reply and may set its code and message
   uint32_t timeoutSeconds;
 };
@@ -88,7 +87,7 @@ Reply WaitFor(const Wait& wait) {
     }
     ShowProgress(progress, WithLastError(wait.progress, reply), seconds);
     if (!platform::Sleep(kPollPauseMs)) {
-      Fail(reply, kInterrupted, wait.afterCtrlC);
+      Fail(reply, kInterrupted, {});
       break;
     }
   }
@@ -105,19 +104,15 @@ bool FailedOr(Reply& reply) {
 }  // namespace
 
 Reply WaitUntilConnected(uint32_t timeoutSeconds) {
-  return WaitFor({"Connecting", "not connected",
-                  "the service goes on connecting; telvorctl disconnect ends it", FailedOr<IsConnectingOver>,
-                  timeoutSeconds});
+  return WaitFor({"Connecting", "not connected", FailedOr<IsConnectingOver>, timeoutSeconds});
 }
 
 Reply WaitUntilDisconnected(uint32_t timeoutSeconds) {
-  return WaitFor({"Disconnecting", "not disconnected", "the service goes on disconnecting",
-                  FailedOr<IsDisconnectingOver>, timeoutSeconds});
+  return WaitFor({"Disconnecting", "not disconnected", FailedOr<IsDisconnectingOver>, timeoutSeconds});
 }
 
 Reply WaitUntilStopped() {
-  return WaitFor(
-      {"Stopping", "not stopped", "the service goes on stopping", IsStopOver, kStopPatienceSeconds});
+  return WaitFor({"Stopping", "not stopped", IsStopOver, kStopPatienceSeconds});
 }
 
 }  // namespace telvorctl
