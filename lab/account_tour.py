@@ -49,10 +49,11 @@ def log_in_anew(laboratory, tell):
 def look_at_the_plan(laboratory, tell):
     quota = laboratory.pipe.call("GET /ui/quota")
     expect_equal(quota, {"ok": True, "quota_current": True}, "quota")
+    tell(f"GET /ui/quota:       {laboratory.pipe.last}")
     entitlement = laboratory.pipe.call("GET /ui/entitlement")
     expect_equal(entitlement, {"ok": True, "payment_current": False, "status": "none", "period_end": None},
                  "entitlement")
-    tell(f"quota {quota}; nothing is paid: {entitlement}")
+    tell(f"GET /ui/entitlement: {laboratory.pipe.last}")
 
 
 def _open(laboratory, url, title, *options):

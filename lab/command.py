@@ -1,18 +1,20 @@
 """The command behind ./run."""
 
 import argparse
+import contextlib
 import os
 import pathlib
 import signal
 import subprocess
 import sys
 
-from lab import requirements
-from lab.steps import CannotRun, Failed, Teller
+from lab import claims, requirements
+from lab.steps import CannotRun, Failed, Stopped, Teller
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "windows"
 NOT_VERIFIED, CANNOT_RUN, INTERRUPTED = 1, 2, 130
+SIGNALS = {signal.SIGINT: "Ctrl+C", signal.SIGTERM: "SIGTERM", signal.SIGHUP: "SIGHUP"}
 
 USAGE = """
 The laboratory stays up, with the service running and nobody logged in. Talk to it:
@@ -24,23 +26,30 @@ The laboratory stays up, with the service running and nobody logged in. Talk to 
   ./run log        the service's log
   ./run filters    the filters in force, with every condition
   ./run routes     the routes of the user's computer
+  ./run start      starts the service again, after ./run ctl stop
+  ./run account    who can log in, and the password
   ./run --down     ends it
 """
+HINT = "./run --keep leaves the laboratory up after the tour, to try it out by hand."
 
 
-class Stopped(BaseException):
-    """The user or the system wants this run to end."""
+class NotDone(Exception):
+    """What was asked of the laboratory that was left up cannot be had; the text says why."""
 
 
 def stop_on_signals():
     def stop(number, _):
-        # A second signal must not break off the cleaning up.
-        for each in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(each, signal.SIG_IGN)
-        raise Stopped(signal.Signals(number).name)
+        ignore_signals()
+        raise Stopped(SIGNALS[number])
 
-    for each in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+    for each in SIGNALS:
         signal.signal(each, stop)
+
+
+def ignore_signals():
+    """So that none breaks off the cleaning up."""
+    for each in SIGNALS:
+        signal.signal(each, signal.SIG_IGN)
 
 
 def build(teller):
@@ -48,37 +57,59 @@ def build(teller):
     from lab import prefix
 
     products = [str(path.relative_to(BUILD)) for path in prefix.needed_executables(BUILD)]
-    for command in (["cmake", "--preset", "windows"],
-                    ["cmake", "--build", "--preset", "windows", "--target", *products]):
-        result = subprocess.run(command, cwd=ROOT, text=True, stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT)
-        if result.returncode != 0:
-            raise Failed(f"{' '.join(command)}\n{result.stdout[-6000:]}")
+    watch(["cmake", "--preset", "windows"], teller)
+    watch(["cmake", "--build", "--preset", "windows", "--target", *products], teller)
     executable = BUILD / "bin" / "telvor.exe"
     teller.detail(f"{executable.relative_to(ROOT)}: {executable.stat().st_size} bytes")
 
 
-def become_root(arguments):
-    """Goes on as root, for the namespaces, with everything installed and built."""
+def watch(command, teller):
+    """Runs a part of the build to its end; what it says of its progress goes into the signs of life."""
+    said = []
+    # A session of its own: what ends it early has to end its compilers too.
+    with subprocess.Popen(command, cwd=ROOT, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, start_new_session=True) as process:
+        try:
+            for line in process.stdout:
+                said.append(line)
+                if line.startswith(("-- ", "[")):  # as "[12/98] Building CXX object a/b/c.obj"
+                    count, _, what = line.strip().partition(" ")
+                    teller.doing(f"{count} {what.rpartition('/')[2]}")
+        except BaseException:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGTERM)
+            raise
+    if process.returncode != 0:
+        raise Failed(f"{' '.join(command)}\n{''.join(said)[-6000:]}")
+
+
+def become_root(arguments, *prepared):
+    """Goes on as root, for the namespaces."""
     if os.geteuid() != 0:
-        command = requirements.as_root([sys.executable, "-B", "-m", "lab.command", "--prepared", *arguments])
+        command = requirements.as_root([sys.executable, "-B", "-m", "lab.command", *prepared, *arguments])
         os.execvp(command[0], command)
 
 
-def take_tour(options, arguments, teller):
-    if not options.prepared:
-        requirements.as_root([])  # better known before a long build than after it
-        with teller.step("what the build and the laboratory need is installed"):
-            requirements.install(requirements.BUILD, requirements.LABORATORY, tell=teller.detail)
-        with teller.step("telvor.exe and the stand-ins are built"):
-            build(teller)
-        become_root(arguments)
+def prepare(options, arguments, teller):
+    """Everything before the laboratory, with the rights of whoever called; goes on as root."""
+    requirements.as_root([])  # better known before a long build than after it
+    if options.keep and claims.kept(BUILD):
+        raise CannotRun("A laboratory was left up already. End it with ./run --down")
+    with teller.step("what the build and the laboratory need is installed"):
+        requirements.install(requirements.BUILD, requirements.LABORATORY, tell=teller.detail)
+    with teller.step("telvor.exe and the stand-ins are built"):
+        build(teller)
+    become_root(arguments, f"--began={teller.began}")
+
+
+def take_tour(options, arguments):
+    teller = Teller(began=options.began)
+    if options.began is None:
+        prepare(options, arguments, teller)
     from lab import laboratory as laboratories
     from lab import tour
 
     laboratories.check_machine(BUILD)
-    if options.keep and laboratories.kept(BUILD) is not None:
-        raise CannotRun("A laboratory was left up already. End it with ./run --down")
     laboratory = laboratories.Laboratory(BUILD, teller.detail)
     try:
         with teller.step("the laboratory comes up"):
@@ -88,30 +119,43 @@ def take_tour(options, arguments, teller):
             with teller.step("the service is started once more"):
                 laboratory.start_service()
             laboratory.keep()
-    except BaseException:
-        show_end_of_log(laboratory, teller)
-        laboratory.stop()
+        else:
+            take_down(laboratory, teller)
+    except BaseException as failure:
+        ignore_signals()
+        if not isinstance(failure, Stopped):
+            show_end_of_log(laboratory, teller)
+        take_down(laboratory, teller)
         raise
-    if not options.keep:
+    teller.line(f"\nEvery step was verified, in {teller.seconds():.0f} s.")
+    teller.line(USAGE % (laboratories.EMAIL, laboratories.PASSWORD) if options.keep else HINT)
+
+
+def take_down(laboratory, teller):
+    """Nothing is shown where nothing is up."""
+    if laboratory.number:
         with teller.step("the laboratory is taken down"):
             laboratory.stop()
-    teller.line("\nEvery step was verified.")
-    if options.keep:
-        teller.line(USAGE % (laboratories.EMAIL, laboratories.PASSWORD))
 
 
 def show_end_of_log(laboratory, teller):
     from lab import windows
 
-    if laboratory.number and sys.exc_info()[0] is not Stopped:
+    if laboratory.number:
         teller.line("The end of the service's log:")
         for line in windows.log_lines(laboratory)[-25:]:
             teller.detail(line)
 
 
 def send(laboratory, options):
-    reply = laboratory.pipe.send(os.fsencode(options.line))
-    laboratory.pipe.close()
+    from lab import windows
+
+    try:
+        reply = laboratory.pipe.send(os.fsencode(options.rest[0]))
+    except windows.NoPipe as failure:
+        raise NotDone(f"No reply: {failure}") from failure
+    finally:
+        laboratory.pipe.close()
     sys.stdout.buffer.write(reply + b"\n")
 
 
@@ -119,8 +163,24 @@ def control(laboratory, options):
     """Becomes telvorctl.exe on the user's computer: at this terminal, with its exit code."""
     from lab import network, prefix, windows
 
-    command = laboratory.enter(network.CLIENT.name) + ["wine", prefix.TELVORCTL, *options.words]
+    command = laboratory.enter(network.CLIENT.name) + ["wine", prefix.TELVORCTL, *options.rest]
     os.execvpe(command[0], command, windows.environment(laboratory))
+
+
+def start(laboratory, _):
+    from lab import windows
+
+    if windows.service_processes(laboratory):
+        print("The service is running already.")
+    else:
+        laboratory.start_service()
+        print("The service is running.")
+
+
+def show_account(*_):
+    from lab import laboratory as laboratories
+
+    print(f"account:  {laboratories.EMAIL}\npassword: {laboratories.PASSWORD}")
 
 
 def show_log(laboratory, _):
@@ -141,16 +201,19 @@ def show_routes(laboratory, _):
     print("\n".join(listings.routes(laboratory.agent.routes())))
 
 
-def take_down(laboratory, _):
-    laboratory.stop()
-    print("The laboratory is down.")
+# word: what does it, what follows it, what it is good for
+WORDS = {
+    "ctl": (control, "...", "telvorctl, the service's command line; what follows is its own"),
+    "send": (send, "LINE", "send one request line to the service and show its reply"),
+    "log": (show_log, "", "the service's log"),
+    "filters": (show_filters, "", "the filters in force, with every condition"),
+    "routes": (show_routes, "", "the routes of the user's computer"),
+    "start": (start, "", "start the service again, after ./run ctl stop"),
+    "account": (show_account, "", "who can log in, and the password"),
+}
 
 
-ON_KEPT = {"ctl": control, "send": send, "log": show_log, "filters": show_filters, "routes": show_routes,
-           "down": take_down}
-
-
-def on_kept(action, options, arguments):
+def on_kept(options, arguments):
     """One look at, or word to, the laboratory that was left up."""
     become_root(arguments)
     from lab import laboratory as laboratories
@@ -158,47 +221,100 @@ def on_kept(action, options, arguments):
     laboratory = laboratories.kept(BUILD)
     if laboratory is None:
         raise CannotRun("No laboratory is up. Start one with ./run --keep")
-    ON_KEPT[action](laboratory, options)
+    laboratory.attach()
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # ./run log | head
+    WORDS[options.word][0](laboratory, options)
+
+
+def down(arguments):
+    """Ends what was left up, and what a run left behind that was killed."""
+    become_root(arguments)
+    # Where nothing was ever installed nothing can be up.
+    ended = claims.clear_abandoned(print) if requirements.is_there("ip") else []
+    kept = claims.kept(BUILD)
+    if kept:
+        claims.remove(kept)
+    print("The laboratory is down." if kept or ended else "No laboratory is up: nothing to take down.")
+
+
+HELP = """
+Without a word: the whole tour. It needs root's rights (sudo) and takes 2 to 4 minutes the first time, with
+the build on two cores, and half a minute from then on.
+
+words, for the laboratory that --keep left up:
+"""
+
+
+def make_parser():
+    rows = [f"  {f'{word} {rest}':10} {text}" for word, (_, rest, text) in WORDS.items()]
+    parser = argparse.ArgumentParser(
+        prog="./run", usage="./run [--keep | --down | --help]\n       ./run {%s} ..." % ",".join(WORDS),
+        description="Builds telvor.exe and takes it on a tour through a laboratory on this machine.",
+        epilog=HELP + "\n".join(rows), formatter_class=argparse.RawDescriptionHelpFormatter,
+        allow_abbrev=False)
+    ends = parser.add_mutually_exclusive_group()
+    ends.add_argument("--keep", action="store_true", help="leave the laboratory up after the tour")
+    ends.add_argument("--down", action="store_true",
+                      help="end the one that was left up, and what a killed run left behind")
+    # How a tour goes on that has become root with everything prepared.
+    parser.add_argument("--began", type=float, help=argparse.SUPPRESS)
+    parser.add_argument("word", nargs="?", help=argparse.SUPPRESS)
+    parser.add_argument("rest", nargs="*", help=argparse.SUPPRESS)
+    return parser
 
 
 def parse(arguments):
-    parser = argparse.ArgumentParser(prog="./run", description="Builds telvor.exe and takes it on a tour.")
-    parser.add_argument("--keep", action="store_true", help="leave the laboratory up after the tour")
-    parser.add_argument("--down", action="store_true", help="end the laboratory that was left up")
-    parser.add_argument("--prepared", action="store_true", help=argparse.SUPPRESS)
-    words = parser.add_subparsers(dest="word", metavar="")
-    words.add_parser("ctl", help="telvorctl, the service's command line; what follows is its own")
-    words.add_parser("send", help="send one request line").add_argument("line")
-    for word, text in (("log", "the service's log"), ("filters", "the filters in force"),
-                       ("routes", "the routes of the user's computer")):
-        words.add_parser(word, help=text)
+    """The options; ends the program, telling why, where they make no sense."""
+    parser = make_parser()
+
+    def refuse(text):
+        parser.exit(CANNOT_RUN, f"./run: {text}\n")
+
     # What stands behind ctl is not ours to read, not even a --help.
     word = next((index for index, text in enumerate(arguments) if not text.startswith("-")), None)
     end = len(arguments) if word is None or arguments[word] != "ctl" else word + 1
     options = parser.parse_args(arguments[:end])
-    options.words = arguments[end:]
+    options.rest += arguments[end:]
+    if options.word is None:
+        return options
+    if options.word not in WORDS:
+        refuse(f"there is no {options.word}; the words are: {', '.join(WORDS)}")
+    if options.keep or options.down:
+        refuse(f"{options.word} stands alone, without --keep or --down")
+    follows = WORDS[options.word][1]
+    if follows == "LINE" and len(options.rest) != 1:
+        refuse("""send takes one request line: ./run send '{"id":1,"method":"GetState"}'""")
+    if not follows and options.rest:
+        refuse(f"nothing follows {options.word}")
     return options
 
 
 def main(arguments):
-    stop_on_signals()
     options = parse(arguments)
-    teller = Teller()
+    stop_on_signals()
     try:
-        if options.word or options.down:
-            on_kept(options.word or "down", options, arguments)
+        if options.word:
+            on_kept(options, arguments)
+        elif options.down:
+            down(arguments)
         else:
-            take_tour(options, arguments, teller)
+            take_tour(options, arguments)
         return 0
     except Stopped as stopped:
-        teller.line(f"\nStopped by {stopped}; everything was taken down.")
-        return INTERRUPTED
+        return tell_end(f"\nStopped by {stopped}.", INTERRUPTED)
     except (CannotRun, requirements.NotInstalled) as failure:
-        teller.line(f"\nCannot run. {failure}")
-        return CANNOT_RUN
+        return tell_end(f"\nCannot run. {failure}", CANNOT_RUN)
+    except NotDone as failure:
+        return tell_end(failure, NOT_VERIFIED)
+    except Failed as failure:
+        return tell_end(f"\nNot verified. {failure}", NOT_VERIFIED)
     except Exception as failure:
-        teller.line(f"\nNot verified. {type(failure).__name__}: {failure}")
-        return NOT_VERIFIED
+        return tell_end(f"\nNot verified. {type(failure).__name__}: {failure}", NOT_VERIFIED)
+
+
+def tell_end(text, code):
+    print(text, file=sys.stderr)
+    return code
 
 
 if __name__ == "__main__":

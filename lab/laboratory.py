@@ -6,11 +6,10 @@
 
 Several laboratories can be up at once; each has a number, and all that it makes outside the machine's memory
 lies in one folder, its namespaces and their entries below /etc/netns. When its owner has died without a word,
-the next laboratory to start clears it away.
+./run --down clears it away, or the next laboratory to start.
 """
 
 import contextlib
-import fcntl
 import json
 import os
 import pathlib
@@ -19,82 +18,21 @@ import subprocess
 import sys
 import time
 
-from lab import agent_client, certificates, network, prefix, vpn_servers, windows
+from lab import agent_client, certificates, claims, network, prefix, vpn_servers, windows
 from lab.control_plane.keeper import Keeper
 from lab.steps import CannotRun
 
 HERE = pathlib.Path(__file__).resolve().parent
 EMAIL = "ada@telvor.test"
 PASSWORD = "correct horse battery staple"
-# The same for all, whatever TMPDIR says: the namespaces are the same for all too.
-PARENT = pathlib.Path("/tmp")
-HIGHEST_NUMBER = 99
 # Debian's own, which has Debian's modules; another may stand first on the path. It leaves no compiled files.
 PYTHON = ("/usr/bin/python3", "-B")
 
 
-def folder_of(number):
-    return PARENT / f"telvor-lab-{number}"
-
-
-def _folders():
-    """The numbers of all laboratories that have a folder."""
-    words = [folder.name.rpartition("-")[2] for folder in PARENT.glob("telvor-lab-*")]
-    return {int(word) for word in words if word.isdigit()}
-
-
-@contextlib.contextmanager
-def _claiming():
-    """One at a time through here, by a lock on a folder that is there anyway."""
-    handle = os.open(PARENT, os.O_RDONLY)
-    try:
-        fcntl.flock(handle, fcntl.LOCK_EX)
-        yield
-    finally:
-        os.close(handle)
-
-
-def _is_owned(number):
-    """Whether a living process holds the laboratory, or it was left up on purpose."""
-    folder = folder_of(number)
-    if (folder / "kept").exists():
-        return True
-    try:
-        handle = os.open(folder, os.O_RDONLY)
-    except FileNotFoundError:
-        return False
-    try:
-        fcntl.flock(handle, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        return False
-    except BlockingIOError:
-        return True
-    finally:
-        os.close(handle)
-
-
-def remove(number):
-    """Takes down whatever there is of a laboratory, by its number alone."""
-    network.destroy(number)
-    shutil.rmtree(folder_of(number), ignore_errors=True)
-
-
-def clear_abandoned(tell=lambda text: None):
-    """Removes the laboratories whose owner was killed."""
-    for number in sorted(network.numbers() | _folders()):
-        if not _is_owned(number):
-            tell(f"clearing away laboratory {number}, whose owner was killed")
-            remove(number)
-
-
 def kept(build):
-    """The laboratory of this build that was left up, or None."""
-    for number in sorted(_folders()):
-        marker = folder_of(number) / "kept"
-        if marker.exists() and marker.read_text() == str(build):
-            laboratory = Laboratory(build)
-            laboratory.attach(number)
-            return laboratory
-    return None
+    """The laboratory of this build that was left up, not yet attached to; None if there is none."""
+    number = claims.kept(build)
+    return Laboratory(build).at(number) if number else None
 
 
 class Laboratory:
@@ -123,7 +61,8 @@ class Laboratory:
 
     def start(self):
         """Brings everything up to the point where the service could be started."""
-        self._claim()
+        number, self._ownership = claims.claim(self.tell)
+        self.at(number)
         (self.folder / "logs").mkdir()
         self.tell("making the network: client, router, two VPN servers, web site, control plane")
         network.create(self.number, self.folder, certificates.make(self.folder, network.CONTROL_PLANE_HOST))
@@ -147,7 +86,7 @@ class Laboratory:
             self.pipe.close()
         with contextlib.suppress(Exception):
             windows.shut_down(self)
-        remove(self.number)
+        claims.remove(self.number)
         if self._ownership is not None:
             os.close(self._ownership)
         self.number = 0
@@ -155,24 +94,19 @@ class Laboratory:
     def keep(self):
         """Leaves the laboratory up when its maker ends."""
         self.pipe.close()
-        (self.folder / "kept").write_text(str(self.build))
+        claims.keep(self.number, self.build)
 
-    def attach(self, number):
+    def at(self, number):
+        """Itself, as the laboratory with this number."""
+        self.number, self.folder = number, claims.folder_of(number)
+        return self
+
+    def attach(self):
         """Takes hold of a laboratory that was left up."""
-        self.number, self.folder = number, folder_of(number)
+        if not network.existing(self.number):
+            raise CannotRun("The laboratory that was left up has died, perhaps by a restart of the machine. "
+                            "./run --down clears away what is left of it")
         self._connect()
-
-    def _claim(self):
-        with _claiming():
-            clear_abandoned(self.tell)
-            for number in range(1, HIGHEST_NUMBER + 1):
-                with contextlib.suppress(FileExistsError):
-                    folder_of(number).mkdir(mode=0o700)
-                    self.number, self.folder = number, folder_of(number)
-                    self._ownership = os.open(self.folder, os.O_RDONLY)
-                    fcntl.flock(self._ownership, fcntl.LOCK_EX)
-                    return
-        raise CannotRun(f"all {HIGHEST_NUMBER} laboratory numbers are taken: see {folder_of('*')}")
 
     def _start_servers(self):
         keys = {server: vpn_servers.start(self, server) for server in vpn_servers.CATALOGUE}

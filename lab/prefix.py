@@ -21,6 +21,8 @@ WIREGUARD_FOLDER = "Program Files/WireGuard"
 STAGE_FOLDER = "VPN/stage"
 DATA_FOLDER = "ProgramData/TELVOR"
 LOG_FILE = "ProgramData/sorvanik-vpn/vpnservice.log"
+# Debian's Wine notes in the prefix what its server's folder is called, and counts on a name of this length.
+SERVER_NOTE, SERVER_FOLDER = "wineserver", "wine-server"
 EXECUTABLE = r"C:\Program Files\TELVOR\telvor.exe"
 TELVORCTL = r"C:\Program Files\TELVOR\telvorctl.exe"
 PROGRAMS = ("telvor.exe", "telvorctl.exe")
@@ -37,12 +39,23 @@ REGISTRY = tuple(
 )
 
 
-def environment(prefix, home):
-    """What Wine programs run with: their own prefix and home, no chatter, no desktop integration."""
+def environment(prefix, home, server):
+    """What Wine programs run with: their own prefix and home, no chatter, no desktop integration.
+
+    Wine's server makes a folder below the one given for it, and leaves that behind."""
     kept = {key: value for key, value in os.environ.items()
             if not key.startswith(("WINE", "XDG_", "DISPLAY", "WAYLAND"))}
     return {**kept, "WINEPREFIX": str(prefix), "WINEARCH": "win64", "WINEDEBUG": "-all", "HOME": str(home),
-            "WINEDLLOVERRIDES": "winemenubuilder.exe,mscoree,mshtml=d"}
+            "TMPDIR": str(server), "WINEDLLOVERRIDES": "winemenubuilder.exe,mscoree,mshtml=d"}
+
+
+def make_server_folder(prefix, server):
+    """Wine would make it by itself, but its first two programs at once would hinder each other."""
+    (pathlib.Path(server) / SERVER_FOLDER).mkdir(mode=0o700)
+    note = pathlib.Path(prefix) / SERVER_NOTE
+    note.unlink(missing_ok=True)  # the template's
+    note.write_text(SERVER_FOLDER, encoding="ascii")
+    note.chmod(0o400)
 
 
 def wine_version():
@@ -74,7 +87,7 @@ def _make_template(cache, finished):
                      for key, value, kind, data in REGISTRY]
         script = 'hostname "$0" && "$@"; code=$?; wineserver -w; exit $code'
         for command in commands:
-            _run(["unshare", "--uts", "sh", "-c", script, name, *command], environment(prefix, home))
+            _run(["unshare", "--uts", "sh", "-c", script, name, *command], environment(prefix, home, work))
         _cut_links(prefix / "drive_c" / "users")
         prefix.rename(finished)
     finally:

@@ -1,7 +1,9 @@
 """The tour: one connection's whole road, each step looked at from outside the service and verified."""
 
+import time
+
 from lab import account_tour, listings, network, traffic, vpn_servers, windows
-from lab.laboratory import wait_until
+from lab.laboratory import EMAIL, wait_until
 from lab.steps import expect, expect_equal
 
 PARCEL = 100_000
@@ -15,7 +17,8 @@ def start_service(laboratory, tell):
     laboratory.start_service()
     state = laboratory.pipe.call("GetState")
     expect_equal(state["state"], "disconnected", "state")
-    tell(f"TELVOR is {windows.service_state(laboratory)} and answers on its pipe: {state}")
+    tell(f"TELVOR is {windows.service_state(laboratory)} and answers on its pipe")
+    tell(f"GetState: {laboratory.pipe.last}")
 
 
 def log_in(laboratory, tell):
@@ -23,7 +26,7 @@ def log_in(laboratory, tell):
     expect_equal(reply, {"ok": True, "auth_state": "AUTH_OK", "message": "registered"}, "reply to the login")
     logins = laboratory.keeper.requests("POST", "/v1/auth/login")
     expect_equal(logins[-1]["status"], 200, "what the control plane answered")
-    tell(f"logged in over TLS, {reply}")
+    tell(f"POST /ui/login: {laboratory.pipe.last}")
 
 
 def list_locations(laboratory, tell):
@@ -41,20 +44,22 @@ def connect(laboratory, tell):
     expect_equal(laboratory.pipe.call("Connect"), True, "reply to Connect")
     laboratory.wait_for_state("connected")
     handshakes = laboratory.agent.wg("show", "telvor", "latest-handshakes")["stdout"]
-    expect(int(handshakes.split("\t")[1]) > 0, f"no handshake: {handshakes!r}")
-    tell(f"CONNECTED; wg says of the handshake: {handshakes.strip()}")
+    at = int(handshakes.split("\t")[1])
+    expect(at > 0, f"no handshake: {handshakes!r}")
+    tell(f"CONNECTED; wg says that the handshake was {max(0, time.time() - at):.0f} s ago")
 
 
 def show_state(laboratory, tell):
-    state, status = laboratory.pipe.call("GetState"), laboratory.pipe.call("GET /ui/status")
+    state = laboratory.pipe.call("GetState")
+    tell(f"GetState:       {laboratory.pipe.last}")
+    status = laboratory.pipe.call("GET /ui/status")
+    tell(f"GET /ui/status: {laboratory.pipe.last}")
     expect_equal(state["state"], "connected", "state")
     expect_equal(state["lastError"], None, "last error")
     expect_equal(status["tunnel_status"], "CONNECTED", "tunnel status")
     expect_equal(status["auth_state"], "AUTH_OK", "auth state")
     expect_equal(status["selected_server_id"], FIRST.server_id, "selected server")
     expect_equal(status["public_ip"], FIRST.machine.address, "public address")
-    tell(f"GetState:       {state}")
-    tell(f"GET /ui/status: {status}")
 
 
 def _send_through(laboratory, tell, server):
@@ -129,9 +134,10 @@ def log_out(laboratory, tell):
     reply = laboratory.pipe.call("POST /ui/logout")
     expect_equal(reply, {"ok": True, "auth_state": "AUTH_REQUIRED", "message": "Logged out"},
                  "reply to the logout")
+    tell(f"POST /ui/logout: {laboratory.pipe.last}")
     status = laboratory.pipe.call("GET /ui/status")
     expect_equal((status["auth_state"], status["last_error"]), ("AUTH_REQUIRED", "AUTH_REQUIRED"), "status")
-    tell(f"logged out, {reply}")
+    tell(f"GET /ui/status:  {laboratory.pipe.last}")
 
 
 def stop_service(laboratory, tell):
@@ -156,7 +162,7 @@ def look_for_traces(laboratory, tell):
 STEPS = (
     ("the service is started", start_service),
     *account_tour.STEPS,
-    ("log in as the user would, in place of the new person", log_in),
+    (f"log in as another user, {EMAIL}", log_in),
     ("list the locations", list_locations),
     (f"connect to {FIRST.city} and wait for CONNECTED", connect),
     ("state and status", show_state),

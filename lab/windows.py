@@ -15,11 +15,15 @@ TUNNEL_SERVICE = "WireGuardTunnel$telvor"
 NO_SUCH_SERVICE = "ABSENT"
 STATES = {"1": "STOPPED", "2": "START_PENDING", "3": "STOP_PENDING", "4": "RUNNING"}
 
+# What the errors of opening the pipe mean.
+NO_PIPE = {2: "the service is not running; ./run start starts it",
+           231: "the service's pipe has no instance free"}
+
 Finished = collections.namedtuple("Finished", "code output")
 
 
 def environment(laboratory):
-    return prefix.environment(laboratory.folder / "prefix", laboratory.folder / "home")
+    return prefix.environment(laboratory.folder / "prefix", laboratory.folder / "home", laboratory.folder)
 
 
 def boot(laboratory):
@@ -27,6 +31,7 @@ def boot(laboratory):
 
     The Wine server is told to stay: without that it ends the services when the last program has ended."""
     (laboratory.folder / "home").mkdir()
+    prefix.make_server_folder(laboratory.folder / "prefix", laboratory.folder)
     laboratory.spawn(network.CLIENT.name, ["wineserver", "-p", "-f"], log="wineserver.log",
                      env=environment(laboratory))
     run(laboratory, "sc", "create", prefix.SERVICE, "binPath=", f'"{prefix.EXECUTABLE}"', "start=", "demand")
@@ -153,10 +158,15 @@ class Driver:
         self._process.stdout.close()
 
 
+class NoPipe(ConnectionError):
+    """The service's pipe cannot be used; the text says why."""
+
+
 class Pipe:
     """The user interface's side of the pipe."""
 
     def __init__(self, laboratory):
+        self.last = ""  # the latest reply as it came
         self._laboratory = laboratory
         self._driver = None
         self._id = 0
@@ -167,7 +177,9 @@ class Pipe:
             self._driver = Driver(self._laboratory)
         reply = self._driver.exchange(line, timeout)
         if reply.startswith(b"!error "):
-            raise ConnectionError(f"the pipe cannot be opened: {reply.decode()}")
+            code = int(reply.removeprefix(b"!error "))
+            raise NoPipe(NO_PIPE.get(code, f"the service's pipe gives Windows error {code}"))
+        self.last = reply.decode(errors="replace")
         return reply
 
     def call(self, method, timeout=60, **params):
