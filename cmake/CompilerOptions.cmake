@@ -2,9 +2,7 @@
 add_library(telvor_options INTERFACE)
 target_include_directories(telvor_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
 target_compile_options(telvor_options INTERFACE
-  -Wall -Wextra -Werror -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast -Wimplicit-fallthrough
-  # GCC 12 sees overlaps in the concatenation of texts where there are none, once it optimises.
-  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+  -Wall -Wextra -Werror -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast -Wimplicit-fallthrough)
 
 set(TELVOR_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
 if(TELVOR_SANITIZE)
