@@ -15,8 +15,8 @@ namespace platform {
 using Handle = void*;
 
 // INVALID_HANDLE_VALUE, which Windows defines as a number.
-// NOLINTNEXTLINE(performance-no-int-to-ptr)
 inline Handle InvalidHandle() {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
   return reinterpret_cast<Handle>(static_cast<std::intptr_t>(-1));
 }
 
