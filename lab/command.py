@@ -63,22 +63,47 @@ def build(teller):
     teller.detail(f"{executable.relative_to(ROOT)}: {executable.stat().st_size} bytes")
 
 
+@contextlib.contextmanager
+def signals_held():
+    """A signal that arrives meanwhile takes effect at the end of it."""
+    held = []
+    handlers = {each: signal.signal(each, lambda number, _: held.append(number)) for each in SIGNALS}
+    try:
+        yield
+    finally:
+        for each, handler in handlers.items():
+            signal.signal(each, handler)
+        for number in held[:1]:
+            signal.raise_signal(number)
+
+
+@contextlib.contextmanager
+def started(command):
+    """A part of the build, running; it ends here, early if anything goes wrong."""
+    with contextlib.ExitStack() as ending:
+        def end_early(failure, *_):
+            with contextlib.suppress(ProcessLookupError):
+                if failure:
+                    os.killpg(process.pid, signal.SIGTERM)
+
+        with signals_held():  # or one between the start and the next line would leave it running
+            # A session of its own: what ends it early has to end its compilers too.
+            process = subprocess.Popen(command, cwd=ROOT, text=True, stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
+            ending.push(process)
+            ending.push(end_early)
+        yield process
+
+
 def watch(command, teller):
     """Runs a part of the build to its end; what it says of its progress goes into the signs of life."""
     said = []
-    # A session of its own: what ends it early has to end its compilers too.
-    with subprocess.Popen(command, cwd=ROOT, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, start_new_session=True) as process:
-        try:
-            for line in process.stdout:
-                said.append(line)
-                if line.startswith(("-- ", "[")):  # as "[12/98] Building CXX object a/b/c.obj"
-                    count, _, what = line.strip().partition(" ")
-                    teller.doing(f"{count} {what.rpartition('/')[2]}")
-        except BaseException:
-            with contextlib.suppress(ProcessLookupError):
-                os.killpg(process.pid, signal.SIGTERM)
-            raise
+    with started(command) as process:
+        for line in process.stdout:
+            said.append(line)
+            if line.startswith(("-- ", "[")):  # as "[12/98] Building CXX object a/b/c.obj"
+                count, _, what = line.strip().partition(" ")
+                teller.doing(f"{count} {what.rpartition('/')[2]}")
     if process.returncode != 0:
         raise Failed(f"{' '.join(command)}\n{''.join(said)[-6000:]}")
 

@@ -14,7 +14,7 @@ import pytest
 
 from conftest import BUILD, ROOT
 from lab import claims, command, network, prefix, steps, windows
-from lab.laboratory import EMAIL, PASSWORD, Laboratory, wait_until
+from lab.laboratory import EMAIL, PASSWORD, Laboratory
 
 DONE, NOT_VERIFIED, CANNOT_RUN, INTERRUPTED = 0, 1, 2, 130
 LINE = '{"id":1,"method":"GetState"}'
@@ -228,9 +228,9 @@ def test_a_build_that_fails_shows_its_output():
         command.watch(["sh", "-c", "echo 'the reason'; exit 3"], steps.Teller(io.StringIO()))
 
 
-def run_and_interrupt(number):
-    """A run whose build would take a minute, and which is interrupted in its midst: its exit code and all
-    that it said, and whether a process of the build is left."""
+def run_and_interrupt(number, seconds):
+    """A run whose build would take a minute, and which is interrupted these seconds after its process was
+    made: its exit code and all that it said, and whether a process of the build is left."""
     script = ("import sys; from lab import command\n"
               "command.requirements.install = lambda *_, **__: None\n"
               "command.build = lambda teller: command.watch(['sh', '-c', 'echo $$; sleep 61; :'], teller)\n"
@@ -238,15 +238,18 @@ def run_and_interrupt(number):
     process = subprocess.Popen([sys.executable, "-B", "-c", script], cwd=ROOT, text=True,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
-    child, = wait_until(lambda: children.read_text().split(), lambda found: len(found) == 1, 10, "the build")
+    while not (found := children.read_text().split()):  # without a pause, to meet it as it is being made
+        assert process.poll() is None
+    time.sleep(seconds)
     process.send_signal(number)
     said, _ = process.communicate(timeout=20)
-    return process.returncode, said, pathlib.Path(f"/proc/{child}").exists()
+    return process.returncode, said, pathlib.Path(f"/proc/{found[0]}").exists()
 
 
+@pytest.mark.parametrize("seconds", (0, 0.01, 0.5))
 @pytest.mark.parametrize("number, name", command.SIGNALS.items())
-def test_an_interrupt_says_only_what_is_true(number, name):
-    code, said, is_left = run_and_interrupt(number)
+def test_an_interrupt_says_only_what_is_true(number, name, seconds):
+    code, said, is_left = run_and_interrupt(number, seconds)
     assert (code, is_left) == (INTERRUPTED, False)
     assert " interrupted after " in said and "FAILED" not in said
     assert said.endswith(f"\nStopped by {name}.\n") and "taken down" not in said
