@@ -25,6 +25,6 @@ bool ConsoleCtrlHandler(uint32_t type) {
   constexpr uint32_t kCtrlCloseEvent = 2;
   if (type > kCtrlCloseEvent) return false;
   LogLine(L"Console Ctrl event: stopping.");
-  if (gStopEvent) platform::SetEvent(gStopEvent);
+  if (const platform::Handle event = gStopEvent) platform::SetEvent(event);
   return true;
 }
