@@ -114,22 +114,23 @@ bool Fits(const Endpoint& endpoint, const HttpRequest& request) {
          request.path8.compare(request.path8.size() - ending.size(), ending.size(), ending) == 0;
 }
 
-HttpResponse Serve(const HttpRequest& request) {
+bool Knows(const Endpoint& endpoint, const HttpRequest& request) {
+  return !endpoint.needsToken || request.bearer == gControlPlane.accessToken;
+}
+
+}  // namespace
+
+HttpResponse ControlPlaneAnswer(const HttpRequest& request) {
   const std::string line = request.verb + ' ' + request.path8;
   for (const auto& [part, response] : gControlPlane.overrides) {
     if (line.find(part) != std::string::npos) return response;
   }
   for (const Endpoint& endpoint : kEndpoints) {
     if (!Fits(endpoint, request)) continue;
-    if (endpoint.needsToken && request.bearer != gControlPlane.accessToken) {
-      return Answer(401, R"({"error":"unauthorized"})");
-    }
-    return endpoint.answer(request);
+    return Knows(endpoint, request) ? endpoint.answer(request) : Answer(401, R"({"error":"unauthorized"})");
   }
   return Answer(404, R"({"error":"not_found"})");
 }
-
-}  // namespace
 
 ControlPlane& UseControlPlane() {
   {
@@ -138,7 +139,7 @@ ControlPlane& UseControlPlane() {
     gControlPlane.locationsBody = kLocations;
     gControlPlane.profileBody = kProfile;
   }
-  SetHttpHandler(&Serve);
+  SetHttpHandler(&ControlPlaneAnswer);
   SetHost(L"cp.telvor.test", {"10.99.0.1"});
   return gControlPlane;
 }

@@ -60,5 +60,6 @@ struct ControlPlane {
 };
 // Installs it as the handler, and 10.99.0.1 as the resolver's answer for cp.telvor.test.
 ControlPlane& UseControlPlane();
+HttpResponse ControlPlaneAnswer(const HttpRequest& request);  // its handler, to be called from another
 
 }  // namespace sim

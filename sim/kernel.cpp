@@ -47,6 +47,7 @@ struct Kernel {
   size_t expectedOpenHandles = 0;
   std::vector<std::string> leaks;
   bool ending = false;  // the process is ending: its threads unwind
+  size_t faultsApplied = 0;
 };
 
 struct DeviceHooks {
@@ -302,6 +303,11 @@ std::string TraceText() {
   return text;
 }
 
+size_t FaultsApplied() {
+  Guard guard;
+  return gKernel.faultsApplied;
+}
+
 // ---- Handles ----
 
 platform::Handle OpenHandle(std::shared_ptr<Object> object) {
@@ -439,11 +445,13 @@ Call::~Call() {
   TraceEntry* entry = FindTrace(traceNumber_);
   if (!entry) return;
   entry->result = result_.empty() ? "ok" : std::move(result_);
+  if (!dead_) WatchReturned(*entry);
 }
 
 bool Call::Faulted() {
   if (TraceEntry* entry = entered_ ? FindTrace(traceNumber_) : nullptr) entry->canFail = true;
   if (!fault_) return false;
+  if (!dead_) ++gKernel.faultsApplied;
   Fail(*fault_);
   return true;
 }
@@ -463,6 +471,7 @@ uint32_t Call::Shortened(uint32_t size) {
   for (auto place = shortenings.begin(); place != shortenings.end(); ++place) {
     if (!Matches(place->operation, place->argumentsContain, operation_, arguments_)) continue;
     size = std::min(size, place->bytes);
+    ++gKernel.faultsApplied;
     shortenings.erase(place);
     return size;
   }

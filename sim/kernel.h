@@ -128,6 +128,20 @@ size_t CountCalls(const std::string& operation, const std::string& argumentsCont
 void ClearTrace();
 std::string TraceText();  // one line an entry, to be compared or shown
 
+// ---- Watching ----
+// Called on the running thread, which may look at everything: calls that it makes meanwhile leave no trace,
+// and it must not wait. With the baton only.
+struct Watch {
+  // The baton may change hands now: what has changed since the last such moment, this thread alone has done.
+  void (*step)(uint32_t thread) = nullptr;
+  // A call has returned, other than one of an ended process.
+  void (*returned)(const TraceEntry& entry) = nullptr;
+};
+void SetWatch(const Watch& watch);  // of the next machine too
+size_t FaultsApplied();             // calls that a Fault let fail or Shorten cut short, since boot
+size_t LocksHeld();                 // product mutexes that the running thread holds
+std::string ThreadListing();        // every thread and what it waits for, one a line
+
 // ---- Handles ----
 // Kinds: file, find, event, thread, pipe, named pipe, process, process thread, manager, service, engine,
 // enumeration, http, memory.

@@ -201,15 +201,17 @@ uint32_t PipeClient::Error() const {
   return state_->error;
 }
 
-void PipeClient::Write(const std::string& bytes) {
+void PipeClient::Write(const std::string& bytes, uint32_t milliseconds) {
   Guard guard;
   const ConnectionPointer connection = state_->connection;
   if (!connection) return;
   std::string rest = bytes;
   while (!rest.empty()) {
-    WaitUntil(
+    const bool taken = WaitUntil(
         "PipeClient::Write",
-        [&connection] { return connection->toServer.Room() > 0 || !connection->serverOpen; }, kForever);
+        [&connection] { return connection->toServer.Room() > 0 || !connection->serverOpen; },
+        milliseconds == platform::kInfinite ? kForever : milliseconds);
+    if (!taken) return;
     if (!connection->serverOpen) {
       state_->error = connection->disconnected ? kErrorPipeNotConnected : kErrorNoData;
       return;

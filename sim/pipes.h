@@ -18,7 +18,8 @@ class PipeClient {
   ~PipeClient();  // closes
   bool Connected() const;
   uint32_t Error() const;
-  void Write(const std::string& bytes);
+  // Gives up, with the rest unwritten, when the server takes nothing for so long.
+  void Write(const std::string& bytes, uint32_t milliseconds = platform::kInfinite);
   // Everything up to the server's disconnect; nothing if it takes longer.
   std::optional<std::string> ReadToEnd(uint32_t milliseconds = 600000);
   void Close();

@@ -41,6 +41,7 @@ struct Scheduler {
 };
 
 std::unique_ptr<Scheduler> gScheduler;
+Watch gWatch;
 std::mutex gLock;
 thread_local Thread* tCurrent = nullptr;
 thread_local int tGuardDepth = 0;
@@ -65,6 +66,12 @@ struct Inspection {
 bool Inspect(const std::function<bool()>& condition) {
   Inspection inspection;
   return condition();
+}
+
+void WatchStep(const Thread& self) {
+  if (!gWatch.step || self.condemned || gScheduler->options.freeRunning) return;
+  Inspection inspection;
+  gWatch.step(self.id);
 }
 
 Thread& Driver() {
@@ -280,6 +287,7 @@ void RunThread(Thread& self, std::function<void()> body) {
   RunBody(self, body);
   // What the body holds goes before others run.
   body = nullptr;
+  WatchStep(self);
   {
     Guard guard;
     MoveToFinished(self);
@@ -330,6 +338,21 @@ bool Inspecting() {
   return tInspecting > 0;
 }
 
+void SetWatch(const Watch& watch) {
+  gWatch = watch;
+}
+
+void WatchReturned(const TraceEntry& entry) {
+  if (!gWatch.returned || gScheduler->options.freeRunning) return;
+  Inspection inspection;
+  gWatch.returned(entry);
+}
+
+std::string ThreadListing() {
+  Guard guard;
+  return Listing();
+}
+
 Thread& AddThread(const std::string& name, Thread::Owner owner, std::function<void()> body) {
   Guard guard;
   Scheduler& s = *gScheduler;
@@ -355,6 +378,7 @@ void SchedulingPoint(Thread& self) {
     return;
   }
   if (self.condemned) return;
+  WatchStep(self);
   CountStep(self);
   if (!s.gaveUp && !WatchHolds() && Draw(s.random) % s.preemptOneIn != 0) return;
   self.state = Thread::State::kReady;
@@ -364,6 +388,7 @@ void SchedulingPoint(Thread& self) {
 bool Block(Thread& self, const std::function<bool()>& condition, uint64_t milliseconds) {
   Guard guard;
   if (self.condemned) return false;
+  WatchStep(self);
   const uint64_t now = gScheduler->now;
   self.condition = &condition;
   self.deadline = milliseconds > kForever - now ? kForever : now + milliseconds;

@@ -54,6 +54,8 @@ void LeaveForeignLock(Thread& self);
 
 // A condition of RunUntil is being looked at on this thread.
 bool Inspecting();
+// Shows a call that has returned to the machine's watch.
+void WatchReturned(const TraceEntry& entry);
 
 // Every thread of these owners unwinds from now on.
 void CondemnThreads(bool clientsToo);

@@ -127,6 +127,13 @@ void FailLock(const platform::Mutex& mutex, uint32_t times) {
   gMutexes[&mutex].failures = times;
 }
 
+size_t LocksHeld() {
+  Guard guard;
+  const Thread* self = CurrentThread();
+  return static_cast<size_t>(std::count_if(gMutexes.begin(), gMutexes.end(),
+                                           [self](const auto& entry) { return entry.second.owner == self; }));
+}
+
 bool ProcessAborted() {
   return gAborted;
 }

@@ -33,7 +33,7 @@ class FreeRun {
         --running;
       });
     }
-    EXPECT_TRUE(sim::RunUntil([&running] { return running == 0; }, 600 * kMinute));
+    EXPECT_TRUE(sim::RunUntil([&running] { return running == 0; }, 600ULL * kMinute));
   }
 
  private:

@@ -186,4 +186,15 @@ TEST(ControlPlane, WantsItsTokenAndAnswersUnknownPathsWith404) {
   EXPECT_EQ(statusOf(L"GET", L"/path", nullptr), 418u);
 }
 
+TEST(ControlPlane, AnswersFromAnotherHandlerAsFromItsOwn) {
+  sim::Machine machine;
+  sim::UseControlPlane();
+  sim::HttpRequest request;
+  request.verb = "GET";
+  request.path8 = "/v1/servers/locations";
+  EXPECT_EQ(sim::ControlPlaneAnswer(request).status, 401u);
+  request.bearer = "access-1";
+  EXPECT_EQ(sim::ControlPlaneAnswer(request).status, 200u);
+}
+
 }  // namespace

@@ -279,6 +279,92 @@ TEST(Kernel, TheTraceHoldsEveryCallWithItsArgumentsAndResult) {
   EXPECT_EQ(sim::CountCalls("DeleteFileW"), 0u);
 }
 
+// ---- Watching ----
+
+std::vector<std::string> gReturned;
+std::vector<uint32_t> gStepped;
+
+class Watched : public testing::Test {
+ protected:
+  Watched() {
+    gReturned.clear();
+    gStepped.clear();
+    sim::SetWatch({.step = [](uint32_t thread) { gStepped.push_back(thread); },
+                   .returned =
+                       [](const sim::TraceEntry& entry) {
+                         gReturned.push_back(entry.operation + ' ' + entry.result);
+                         platform::GetFileAttributesW(L"C:\\looked.txt");
+                       }});
+  }
+  ~Watched() override { sim::SetWatch({}); }
+
+  sim::Machine machine_;
+};
+
+TEST_F(Watched, SeesEveryCallThatHasReturnedAndLeavesNoTraceOfItsOwn) {
+  platform::DeleteFileW(L"C:\\missing.txt");
+  EXPECT_THAT(gReturned, testing::ElementsAre("DeleteFileW failed 2"));
+  EXPECT_EQ(sim::CountCalls("GetFileAttributesW"), 0u);
+}
+
+TEST_F(Watched, IsShownEachThreadBeforeAnotherRuns) {
+  const platform::Handle event = platform::CreateEventW(true, false);
+  sim::StartThread("waiter", [event] { platform::WaitForSingleObject(event, kInfinite); });
+  sim::Run(10);
+  platform::SetEvent(event);
+  sim::Run(10);
+  platform::CloseHandle(event);
+  EXPECT_THAT(gStepped, testing::IsSupersetOf({0u, 1u}));
+}
+
+TEST_F(Watched, DoesNotSeeTheCallsOfAnEndedProcess) {
+  sim::StartThread("sleeper", [] { platform::Sleep(1000); });
+  sim::Run(10);
+  gReturned.clear();
+  sim::KillProcess();
+  EXPECT_THAT(gReturned, testing::IsEmpty());
+}
+
+TEST(Kernel, CountsTheFaultsThatHadAnEffect) {
+  sim::Machine machine;
+  sim::Fail({"CreateDirectoryW", 5});
+  sim::Shorten("WriteFile", 1);
+  EXPECT_EQ(sim::FaultsApplied(), 0u);
+  platform::CreateDirectoryW(L"C:\\new");
+  EXPECT_EQ(sim::FaultsApplied(), 1u);
+  const platform::Handle file = platform::CreateFileW(
+      L"C:\\new.txt", platform::kGenericWrite, 0, platform::kCreateAlways, platform::kFileAttributeNormal);
+  uint32_t written = 0;
+  platform::WriteFile(file, "ab", 2, written);
+  platform::CloseHandle(file);
+  EXPECT_EQ(written, 1u);
+  EXPECT_EQ(sim::FaultsApplied(), 2u);
+}
+
+TEST(Kernel, CountsTheLocksOfTheRunningThread) {
+  sim::Machine machine;
+  platform::Mutex first;
+  platform::Mutex second;
+  size_t heldByAnother = 7;
+  const std::lock_guard lock(first);
+  {
+    const std::lock_guard another(second);
+    EXPECT_EQ(sim::LocksHeld(), 2u);
+  }
+  sim::StartThread("other", [&heldByAnother] { heldByAnother = sim::LocksHeld(); });
+  sim::Run(10);
+  EXPECT_EQ(sim::LocksHeld(), 1u);
+  EXPECT_EQ(heldByAnother, 0u);
+}
+
+TEST(Kernel, ListsEveryThreadWithWhatItWaitsFor) {
+  sim::Machine machine;
+  sim::StartThread("sleeper", [] { platform::Sleep(60'000); });
+  sim::Run(10);
+  EXPECT_THAT(sim::ThreadListing(),
+              testing::AllOf(testing::HasSubstr("sleeper"), testing::HasSubstr("Sleep")));
+}
+
 // ---- Dead ends ----
 
 TEST_F(KernelDeathTest, ADeadlockEndsTheTestWithAListingOfWhoWaitsWhere) {

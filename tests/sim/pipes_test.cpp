@@ -101,6 +101,17 @@ TEST(NamedPipe, AWriterWaitsWhileTheBufferIsFull) {
   platform::CloseHandle(pipe);
 }
 
+TEST(NamedPipe, AClientGivesUpWritingToAServerThatDoesNotRead) {
+  sim::Machine machine;
+  const Handle pipe = CreateInstance(1000);
+  sim::PipeClient client(0);
+  const uint64_t begin = sim::Now();
+  client.Write(std::string(1'000'000, 'x'), 3000);
+  EXPECT_EQ(sim::Now() - begin, 3000u);
+  EXPECT_EQ(ReadSome(pipe).front(), 'x');
+  platform::CloseHandle(pipe);
+}
+
 TEST(NamedPipe, FlushWaitsForTheReaderAndDisconnectThrowsTheRestAway) {
   sim::Machine machine;
   const Handle pipe = CreateInstance();

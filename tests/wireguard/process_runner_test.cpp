@@ -168,7 +168,7 @@ TEST(RunProcessCapture, WaitsForAProgramThatHangsWithoutATimeLimit) {
     RunProgram();
     returned = true;
   });
-  EXPECT_FALSE(sim::RunUntil([&returned] { return returned; }, 7 * 24 * 3600 * 1000ULL));
+  EXPECT_FALSE(sim::RunUntil([&returned] { return returned; }, 7ULL * 24 * 3600 * 1000));
   EXPECT_EQ(sim::StartedProcesses().size(), 1U);
   sim::KillProcess();
 }
@@ -182,7 +182,7 @@ TEST(RunProcessCapture, HangsOnAProgramThatFillsTheErrorPipeBeforeItClosesItsOut
     RunProgram();
     returned = true;
   });
-  EXPECT_FALSE(sim::RunUntil([&returned] { return returned; }, 24 * 3600 * 1000ULL));
+  EXPECT_FALSE(sim::RunUntil([&returned] { return returned; }, 24ULL * 3600 * 1000));
   sim::KillProcess();
 }
 
