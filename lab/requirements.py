@@ -1,6 +1,9 @@
 """The Debian packages that the build, the laboratory and the tests need, and how to have them installed.
 
-    python3 lab/requirements.py [--tests]     installs what is missing; --tests adds what the tests need
+    python3 lab/requirements.py [--tests] [--proofs]     installs what is missing
+
+--tests adds what the tests need, --proofs what the fuzz targets need beside these. The coverage is counted
+with gcov, which comes with g++.
 
 Everything is looked for where it would be used, so that a program that came another way counts as well.
 """
@@ -42,6 +45,11 @@ TESTS = {
     "clang-format": "clang-format",
     "python3-pytest": ":pytest",
     "python3-pexpect": ":pexpect",
+}
+
+PROOFS = {
+    "clang": "clang++",
+    "libclang-rt-14-dev": "/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux/libclang_rt.fuzzer-x86_64.a",
 }
 
 
@@ -92,7 +100,9 @@ def install(*groups, tell=print):
 
 def main():
     try:
-        install(BUILD, LABORATORY, *([TESTS] if "--tests" in sys.argv[1:] else []))
+        options = {"--tests": TESTS, "--proofs": PROOFS}
+        chosen = [packages for option, packages in options.items() if option in sys.argv[1:]]
+        install(BUILD, LABORATORY, *chosen)
     except NotInstalled as failure:
         sys.exit(str(failure))
 
