@@ -182,34 +182,6 @@ TEST(WholeService, TheRoadOfOneConnectionRunsOnEverySeedAndIsReproducible) {
   }
 }
 
-// A login and a connect, with the process killed before one of the calls, and a start after it.
-void KillAndStartAgain(uint64_t seed, uint64_t call) {
-  sim::Options options;
-  options.seed = seed;
-  sim::Machine machine(options);
-  sim::UseControlPlane();
-  sim::TearWritesAt(seed % 8);
-  bool armed = true;
-  sim::BeforeCall(call, [&armed] {
-    if (armed) sim::KillProcess();
-  });
-  sim::StartProduct(true);
-  sim::Run(1000);
-  sim::Ask(R"({"id":1,"method":"POST /ui/login","params":{"email":"user@example.com","password":"secret"}})");
-  sim::Ask(R"({"id":2,"method":"Connect"})");
-  sim::Run(5000);
-  armed = false;
-  if (sim::ProductRunning()) sim::KillProcess();
-  EXPECT_EQ(sim::OpenHandles(), 0u);
-  ASSERT_TRUE(StartService()) << "seed " << seed << " call " << call;
-  sim::Run(1000);
-  EXPECT_TRUE(sim::FilterNames().empty());
-}
-
-TEST(WholeService, AKillAtAnyCallLeavesAMachineOnWhichTheServiceStarts) {
-  for (uint64_t call = 1; call < 2500; call += 29) KillAndStartAgain(call % 7, call);
-}
-
 TEST(WholeService, TheRoadOfOneConnectionRunsFreely) {
   RoadOfOneConnection(1, true);
 }
