@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "controlplane/base_url.h"
+#include "engine/bootstrap.h"
 #include "firewall/baseline.h"
 #include "firewall/bypass_allowlist.h"
 #include "tests/firewall/firewall_fixture.h"
@@ -36,6 +37,27 @@ TEST(BadBaseUrl, IsPassedOverSilentlyByTheBypassUpdate) {
                                     "WFP: UpdateSplitTunnelBypassAllowlistV4 COMMIT OK"}));
   EXPECT_EQ(InForce(), Lines(2, "TELVOR:ALLOW split-bypass v4:10.1.2.3"));
   EXPECT_EQ(sim::CountCalls("GetAddrInfoW"), 0u);
+}
+
+TEST(BadBaseUrl, LeavesOldPinsInForceBehindABypassUpdate) {
+  sim::Machine machine;
+  PutOwnProviderAndSublayer();
+  sim::PutFilter(OldFilter(L"TELVOR:ALLOW cp-pinned v4:10.99.0.1"));
+  EXPECT_TRUE(UpdateSplitTunnelBypassAllowlistV4({L"10.1.2.3"}));
+  EXPECT_EQ(InForce(), Join({{"TELVOR:ALLOW cp-pinned v4:10.99.0.1"},
+                             Lines(2, "TELVOR:ALLOW split-bypass v4:10.1.2.3")}));
+}
+
+TEST(BadBaseUrl, SparesTheBootstrapItsWaitForTheNetwork) {
+  sim::Machine machine;
+  const uint64_t start = sim::Now();
+  EXPECT_FALSE(Bootstrap());
+  EXPECT_EQ(sim::CountCalls("GetAddrInfoW"), 0u);
+  EXPECT_EQ(sim::Now(), start);
+  const Lines log = sim::LogLines();
+  ASSERT_GE(log.size(), 2u);
+  EXPECT_EQ(log[0], "Bootstrap: CP base URL = http://cp.telvor.test:8443/");
+  EXPECT_TRUE(log[1].starts_with("[BOOTSTRAP] AUTH_REQUIRED (no session: ")) << log[1];
 }
 
 TEST(BadBaseUrl, BecomesTheBaseOfTheAccountCallsAsItStands) {

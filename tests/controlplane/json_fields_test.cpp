@@ -29,6 +29,7 @@ TEST(JsonGetString, MatchesTheQuotedKeyOnly) {
   EXPECT_EQ(StringField(text, "access_token"), "y");
   EXPECT_EQ(StringField(R"({"access_token":"y"})", "token"), "(not found)");
   EXPECT_EQ(StringField(R"({"Token":"x"})", "token"), "(not found)");
+  EXPECT_EQ(StringField(R"({"token_type":"x","token":"y"})", "token"), "y");
 }
 
 TEST(JsonGetString, TakesTheFirstOccurrenceWhateverItsDepth) {

@@ -68,6 +68,21 @@ TEST(WideToUtf8, ConvertsAnUnpairedSurrogateToTheReplacementCharacter) {
   EXPECT_EQ(WideToUtf8({wchar_t{0xDE00}}), "\xEF\xBF\xBD");
 }
 
+// What is half converted counts as nothing.
+TEST(TextConversions, GiveNothingWhenThePlatformFailsAtTheLengthOrAtTheText) {
+  for (const uint32_t passed : {0U, 1U}) {
+    sim::Machine machine;
+    sim::Fail({.operation = "MultiByteToWideChar", .skip = passed});
+    EXPECT_EQ(Utf8ToWide("abc"), L"");
+    EXPECT_EQ(sim::CountCalls("MultiByteToWideChar"), passed + 1);
+    sim::Fail({.operation = "MultiByteToWideChar", .skip = passed});
+    EXPECT_EQ(Utf8ToWideLenient("abc"), L"");
+    sim::Fail({.operation = "WideCharToMultiByte", .skip = passed});
+    EXPECT_EQ(WideToUtf8(L"abc"), "");
+    EXPECT_EQ(sim::CountCalls("WideCharToMultiByte"), passed + 1);
+  }
+}
+
 TEST(TextConversions, DoNotAskThePlatformForEmptyText) {
   sim::Machine machine;
   EXPECT_EQ(Utf8ToWide(""), L"");

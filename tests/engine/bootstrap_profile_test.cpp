@@ -230,6 +230,52 @@ TEST(BootstrapConfig, AFailedWriteKeepsTheOldFile) {
   }
 }
 
+// Every way out but the last one, on a machine that has had a connection.
+const struct {
+  const char* name;
+  void (*spoil)(BootstrapRun& run);
+  const char* lastError = "HANDSHAKE_TIMEOUT";  // behind the run; before it, this one
+  bool authRequired = false;                    // behind the run; before it, true
+} kWaysOut[] = {
+    {"folder",
+     [](BootstrapRun&) {
+       sim::Fail({.operation = "CreateDirectoryW", .code = 5, .argumentsContain = "TELVOR\\wg"});
+     },
+     "HANDSHAKE_TIMEOUT", true},
+    {"token", [](BootstrapRun&) { sim::RemoveFile(kSessionFile); }, "AUTH_REQUIRED", true},
+    {"private key",
+     [](BootstrapRun&) {
+       sim::RemoveFile(kPrivateKeyFile);
+       sim::Fail({.operation = "BCryptGenRandom", .code = 5});
+     }},
+    {"public key",
+     [](BootstrapRun&) {
+       sim::PutFile(kPrivateKeyFile, "AAAA");
+       sim::RemoveFile(kPublicKeyFile);
+     }},
+    {"device id", [](BootstrapRun&) { sim::Fail({.operation = "GetComputerNameW", .code = 5}); }},
+    {"registration", [](BootstrapRun& run) { run.AnswerTo(kRegister, {Answer(409)}); }},
+    {"key upload", [](BootstrapRun& run) { run.AnswerTo(kUploadKey, {Answer(500)}); }},
+    {"profile", [](BootstrapRun& run) { run.AnswerTo(kProfile, {Answer(500)}); }},
+    {"address", [](BootstrapRun& run) { run.GiveProfile("{}"); }},
+    {"peer", [](BootstrapRun& run) { run.GiveProfile(R"({"client_address":"10.8.0.2/32"})"); }},
+};
+
+TEST(BootstrapConfig, StaysAsItWasWhereverTheRunEnds) {
+  for (const auto& way : kWaysOut) {
+    SCOPED_TRACE(way.name);
+    BootstrapRun run;
+    sim::PutFile(kTunnelConfigFile, "old");
+    gLastError = L"HANDSHAKE_TIMEOUT";
+    gAuthRequired = true;
+    way.spoil(run);
+    EXPECT_FALSE(Bootstrap());
+    EXPECT_EQ(Config(), "old");
+    EXPECT_EQ(LastErrorText(), way.lastError);
+    EXPECT_EQ(gAuthRequired, way.authRequired);
+  }
+}
+
 TEST(BootstrapConfig, AFileThatIsHeldOpenFailsTheRun) {
   BootstrapRun run;
   sim::PutFile(kTunnelConfigFile, "old");

@@ -98,6 +98,21 @@ TEST(WorkerConnected, TearsDownRoutesThenTunnelThenFirewall) {
   EXPECT_EQ(gTunnelStatus, 0);
 }
 
+TEST(WorkerConnected, ShowsWhatTheNewIntentWroteUntilTheTeardownIsThrough) {
+  for (const bool connectsAgain : {false, true}) {
+    SCOPED_TRACE(connectsAgain);
+    WorkerRun run;
+    StartConnected(run);
+    WriteDisconnectIntent();
+    if (connectsAgain) WriteConnectIntent();
+    const int32_t written = gTunnelStatus;
+    ASSERT_TRUE(sim::RunUntil([] { return fake::Count("RollbackToOpen") == 2; }, 1000));
+    EXPECT_EQ(fake::Calls("RemoveBypassRoutes").at(0).status, written);
+    EXPECT_EQ(fake::Calls("StopTunnelService").at(0).status, written);
+    EXPECT_EQ(fake::Calls("RollbackToOpen").at(1).status, written);
+  }
+}
+
 TEST(WorkerConnected, ForgetsTheAppliedRoutesBeforeTheTunnelStops) {
   WorkerRun run;
   bool installed = true;

@@ -161,6 +161,18 @@ TEST(WorkerHandshake, AGoodHandshakeStartsTheCountAnew) {
   EXPECT_EQ(CountLines(NotSeen(3)), 0u);
 }
 
+TEST(WorkerHandshake, AGoodHandshakeStartsTheCountAnewAlsoWithoutRoutes) {
+  WorkerRun run;
+  fake::gState.answers["WgHandshakeSeen"] = {false, false, true, false};
+  fake::gState.refusing = {"ApplyBypassRoutes", "EnableFailClosedBaseline"};
+  WriteConnectIntent();
+  run.Start();
+  ASSERT_TRUE(sim::RunUntil([] { return fake::Count("WgHandshakeSeen") == 5; }, 60'000));
+  run.Stop();
+  EXPECT_EQ(CountLines(NotSeen(1)), 2u);
+  EXPECT_EQ(CountLines(NotSeen(3)), 0u);
+}
+
 TEST(WorkerHandshake, AGoodHandshakeClearsItsOwnError) {
   WorkerRun run;
   fake::gState.answers["WgHandshakeSeen"] = {false, true};

@@ -72,6 +72,18 @@ TEST(RollbackToOpen, LeavesOthersAlone) {
   EXPECT_TRUE(sim::SubLayerInForce(kStranger));
 }
 
+TEST(RollbackToOpen, KnowsItsProviderByTheWholeKey) {
+  sim::Machine machine;
+  platform::Guid alike[4] = {kProviderKey, kProviderKey, kProviderKey, kProviderKey};
+  alike[0].data1 ^= 1;
+  alike[1].data2 ^= 1;
+  alike[2].data3 ^= 1;
+  alike[3].data4.back() ^= 1;
+  for (const platform::Guid& provider : alike) sim::PutFilter(OldFilter(L"another's", provider, kStranger));
+  EXPECT_TRUE(RollbackToOpen());
+  EXPECT_EQ(InForce(), Lines(4, "another's"));
+}
+
 // ---- Callouts ----
 
 TEST(RollbackToOpen, RemovesTheCalloutsOfItsProvider) {

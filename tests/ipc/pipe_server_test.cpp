@@ -209,6 +209,13 @@ TEST(IpcClientThread, AnswersAReadThatFailsWithNoRequest) {
   EXPECT_EQ(gServed, Lines{});
 }
 
+TEST(IpcClientThread, TakesAReadOfNoBytesAsTheEnd) {
+  ServerMachine machine;
+  sim::Shorten("ReadFile", 0);
+  EXPECT_EQ(Send(kRequest + "\n"), kNoRequest);
+  EXPECT_EQ(gServed, Lines{});
+}
+
 TEST(IpcClientThread, IsDetached) {
   ServerMachine machine;
   PipeClient silent;

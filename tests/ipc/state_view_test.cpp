@@ -97,6 +97,15 @@ TEST(BuildStateJson, CountsBytesWhileConnected) {
             L"\"C:\\Program Files\\WireGuard\\wg.exe\" show telvor transfer");
 }
 
+TEST(BuildStateJson, ReadsTheStatusOnce) {
+  sim::Machine machine;
+  WireSubsystems();
+  ShowTraffic();
+  gTunnelStatus = kStatusConnected;
+  sim::Before("CreateProcessW", [] { gTunnelStatus = kStatusError; });
+  EXPECT_EQ(BuildStateJson(), StateText("connected", "null", "null", R"("rxBytes":300,"txBytes":4000)"));
+}
+
 TEST(BuildStateJson, ShowsLargeCountersUnsigned) {
   sim::Machine machine;
   WireSubsystems();

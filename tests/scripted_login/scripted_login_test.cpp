@@ -89,4 +89,13 @@ TEST(StatusMethod, ShowsNoErrorWhenTheTokenStepGivesNone) {
   EXPECT_NE(reply.find(R"({"auth_state":"AUTH_REQUIRED","last_error":null,)"), std::string::npos) << reply;
 }
 
+// A token that the step gives counts though nothing is cached, as when a logout comes between the two.
+TEST(StatusMethod, TakesATokenThatIsNotCachedForALogin) {
+  AccountMachine machine;
+  gTokenStep = true;
+  const std::string reply = Call("GET /ui/status");
+  EXPECT_NE(reply.find(R"({"auth_state":"AUTH_OK","last_error":null,)"), std::string::npos) << reply;
+  gTokenStep = false;
+}
+
 }  // namespace

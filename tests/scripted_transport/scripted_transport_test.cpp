@@ -2,6 +2,7 @@
 // exists in the real system: this program has its own of both, which stand before the library's. What the
 // calls say then is kept, out of reach as it is.
 #include "controlplane/account.h"
+#include "controlplane/catalogue.h"
 #include "controlplane/device.h"
 #include "controlplane/http_transport.h"
 #include "sim/files.h"
@@ -109,6 +110,20 @@ TEST(CpRegister, SendsNothingWithADeviceIdOfBlanks) {
   EXPECT_EQ(error, L"device id is empty");
   EXPECT_EQ(gRequests, 0U);
   EXPECT_EQ(sim::LogLines(), Lines{"/v1/auth/register: device_id empty"});
+}
+
+TEST(CpGetServerLocations, RefusesOtherStatusesOnceTheTransportLetsThemThrough) {
+  gBody = R"({"servers":[{"server_id":"srv-a"}]})";
+  for (const uint32_t status : {199U, 300U, 401U}) {
+    sim::Machine machine;
+    gCachedAccessToken = L"access-1";
+    gStatus = status;
+    std::vector<ServerRecord> servers(1);
+    EXPECT_FALSE(CpGetServerLocations(L"https://cp.telvor.test", servers));
+    EXPECT_EQ(servers.size(), 0U);
+    EXPECT_EQ(sim::LogLines(),
+              Lines{"CpGetServerLocations: non-2xx HTTP " + std::to_string(status) + " head="});
+  }
 }
 
 }  // namespace

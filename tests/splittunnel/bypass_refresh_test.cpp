@@ -266,6 +266,32 @@ TEST(RefreshSplitTunnelRoutes, LogsFailedPermitsWhichTheNextRefreshRepairs) {
   EXPECT_EQ(Permits(), (Texts{L"9.9.9.9", L"9.9.9.9"}));
 }
 
+TEST(RefreshSplitTunnelRoutes, HoldsNoLockWhileItChangesRoutesAndPermits) {
+  sim::Machine machine;
+  PutPolicy(L"[ips]\n1.2.3.4");
+  Refresh();
+  PutPolicy(L"[ips]\n9.9.9.9");
+  size_t looks = 0;
+  for (const char* operation : {"DeleteIpForwardEntry2", "CreateIpForwardEntry2", "FwpmTransactionCommit0"}) {
+    sim::Before(operation, [&looks] {
+      const std::lock_guard<platform::Mutex> lock(gBypassMutex);
+      ++looks;
+    });
+  }
+  Refresh();
+  EXPECT_EQ(looks, 3U);
+}
+
+TEST(RefreshSplitTunnelRoutes, KeepsItsMemoryOfWhatIsAppliedWithoutTheLock) {
+  sim::Machine machine;
+  PutPolicy(L"[ips]\n1.2.3.4");
+  sim::Before("CreateIpForwardEntry2", [] { sim::FailLock(gBypassMutex); });
+  Refresh();
+  EXPECT_EQ(gBypassIpsApplied, (Texts{L"1.2.3.4"}));
+  // The failure still waits for whoever takes the lock next.
+  EXPECT_THROW(gBypassMutex.lock(), std::system_error);
+}
+
 TEST(RefreshSplitTunnelRoutes, MayRunOnTwoThreadsAtOnce) {
   for (uint64_t seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);

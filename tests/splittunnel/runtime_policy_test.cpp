@@ -136,10 +136,20 @@ TEST(LoadRuntimePolicy, LeavesARuntimeDatThatDoesNotOpenWhereItIsWithoutASeed) {
 }
 
 TEST(LoadRuntimePolicy, FallsBackToTheSeedWhenRuntimeDatCannotBeRead) {
+  for (const char* call : {"GetFileSizeEx", "ReadFile"}) {
+    sim::Machine machine;
+    PutPolicy(L"[ips]\n1.2.3.4");
+    sim::PutFile(kSeedFile, kSeed);
+    sim::Fail({.operation = call, .code = 23});
+    ExpectLoads(L"seed", {L"a.example", L"b.example"}, {L"10.0.0.1"});
+  }
+}
+
+TEST(LoadRuntimePolicy, FallsBackToTheSeedWhenRuntimeDatEndsBeforeItsSize) {
   sim::Machine machine;
   PutPolicy(L"[ips]\n1.2.3.4");
   sim::PutFile(kSeedFile, kSeed);
-  sim::Fail({.operation = "ReadFile", .code = 23});
+  sim::Shorten("ReadFile", 3);
   ExpectLoads(L"seed", {L"a.example", L"b.example"}, {L"10.0.0.1"});
 }
 

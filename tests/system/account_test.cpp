@@ -102,6 +102,29 @@ TEST(Account, ALogoutShowsBeforeTheWorkerHasStoppedTheTunnel) {
   }
 }
 
+// A pass under way runs on, and whatever it still brings up goes again.
+TEST(Account, ALogoutDuringTheConnectPassWins) {
+  const char* const kMoments[] = {"Bootstrap: CP base URL = https://cp.telvor.test:8443",
+                                  "EnsureDeviceRegistered: ok (201)", "WireGuard: waiting for handshake...",
+                                  "VPNSERVICE: about to call EnableFailClosedBaseline"};
+  for (const char* moment : kMoments) {
+    SCOPED_TRACE(moment);
+    SystemRun run;
+    run.StartAndLogIn();
+    EXPECT_EQ(Ask("Connect"), kTrueReply);
+    ASSERT_TRUE(WaitForLine(moment));
+    EXPECT_EQ(Ask("POST /ui/logout"), kLogoutReply);
+    sim::Run(2 * kMinute);
+    EXPECT_EQ(gTunnelDesired, kDesiredDisconnected);
+    EXPECT_TRUE(WaitForIdle());
+    EXPECT_TRUE(FirewallIsOpen());
+    EXPECT_FALSE(sim::FileExists(kSessionFile));
+    EXPECT_EQ(LastErrorText(), "AUTH_REQUIRED");
+    run.Stop();
+    ExpectNothingLeft();
+  }
+}
+
 TEST(Account, ALogoutWithoutASessionSucceeds) {
   SystemRun run;
   run.Start();

@@ -233,6 +233,25 @@ TEST(Clients, ADisconnectDuringTheConnectPassWins) {
   }
 }
 
+// The worker sits in a slow look-up; the client's own teardown does not wait for it.
+TEST(Clients, ADisconnectDuringALongRefreshTakesTheTunnelDownAtOnce) {
+  SystemRun run;
+  run.StartConnected();
+  sim::SetHost(L"bypass.example", {"198.51.100.20", "198.51.100.21"}, 20'000);
+  ASSERT_TRUE(WaitForLine("SplitTunnelV1: RefreshSplitTunnelRoutes ENTER"));
+  const uint64_t asked = sim::Now();
+  EXPECT_EQ(Ask("Disconnect"), kTrueReply);
+  EXPECT_LT(sim::Now() - asked, 5000u);
+  EXPECT_FALSE(sim::ServiceInstalled(kTunnelService));
+  EXPECT_TRUE(FirewallIsOpen());
+  EXPECT_EQ(State(), "disconnected");
+  // Behind the refresh, which has put permits back meanwhile, the worker notices and tears down once more.
+  ASSERT_TRUE(WaitForLine("WorkerLoop EXIT: gTunnelDesired != Connected"));
+  EXPECT_GT(sim::Now() - asked, 19'000u);
+  EXPECT_TRUE(WaitForIdle());
+  EXPECT_TRUE(sim::RunUntil([] { return FirewallIsOpen(); }, kMinute));
+}
+
 TEST(Clients, DisconnectAndConnectWithinOneTickConnectsAnew) {
   SystemRun run;
   run.StartConnected();

@@ -129,6 +129,17 @@ TEST(RunProcessCapture, TakesWhatCameBeforeAReadThatFails) {
   EXPECT_EQ(result.err, L"err");
 }
 
+// A program may write nothing into its output, which reads as its end.
+TEST(RunProcessCapture, TakesAReadOfNoBytesForTheEnd) {
+  sim::Machine machine;
+  Script({.standardOutput = "out", .standardError = "err"});
+  sim::Shorten("ReadFile", 0);
+  const Captured result = RunProgram();
+  EXPECT_TRUE(result.started);
+  EXPECT_EQ(result.out, L"");
+  EXPECT_EQ(result.err, L"err");
+}
+
 TEST(RunProcessCapture, FailsForAProgramThatCannotBeStartedAndClosesAllItMade) {
   sim::Machine machine;
   Script({.starts = false});

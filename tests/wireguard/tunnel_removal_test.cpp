@@ -165,6 +165,14 @@ TEST(EnforceSingleTunnel, ListsAllServicesWithTheRightsForIt) {
   EXPECT_TRUE(sim::LogLines().empty());
 }
 
+TEST(EnforceSingleTunnel, ListsAlsoWhenThereIsNoServiceAndNoSizeIsNeeded) {
+  sim::Machine machine;
+  sim::RemoveService(L"TELVOR");
+  EnforceSingleTunnel(L"telvor");
+  EXPECT_EQ(sim::CountCalls("EnumServicesStatusExW", "bufferSize=0"), 2U);
+  EXPECT_TRUE(sim::LogLines().empty());
+}
+
 TEST(EnforceSingleTunnel, LogsTheManagerAndTheListingButNotTheQuestionForTheSize) {
   const struct {
     sim::Fault fault;

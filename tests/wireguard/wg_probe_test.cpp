@@ -15,7 +15,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // One result a run, the last one for all that follow; they take no time.
-void ScriptRounds(std::vector<sim::ProcessResult> rounds) {
+void ScriptRounds(const std::vector<sim::ProcessResult>& rounds) {
   sim::SetProcessHandler([rounds](const std::wstring&) {
     const size_t round = sim::StartedProcesses().size();
     sim::ProcessResult result = rounds[std::min(round, rounds.size() - 1)];
