@@ -107,3 +107,10 @@ class Agent:
 
     def clear_faults(self):
         self.call("fault_clear")
+
+    def begin_journal(self):
+        self.call("journal_begin")
+
+    def journal(self):
+        """The names of the operations that the stand-ins asked for since the journal was begun."""
+        return self.call("journal")["operations"]

@@ -143,9 +143,9 @@ def lay_down(prefix, build, seed):
 
 
 def needed_executables(build):
-    """The built files that lay_down and the pipe driver need."""
+    """The built files that lay_down, the pipe driver and the counter of handles need."""
     names = [f"{library}.dll" for library in REPLACED_LIBRARIES]
-    names += ["wireguard.exe", "wg.exe", "pipe_client.exe"]
+    names += ["wireguard.exe", "wg.exe", "pipe_client.exe", "handle_count.exe"]
     return [build / "bin" / name for name in PROGRAMS] + [build / "lab" / name for name in names]
 
 

@@ -1,10 +1,13 @@
 """The client's Windows at work: its programs, its service manager, and the service's pipe."""
 
 import collections
+import contextlib
 import json
 import os
+import pathlib
 import re
 import select
+import signal
 import subprocess
 import tempfile
 import time
@@ -13,6 +16,7 @@ from lab import network, prefix
 
 TUNNEL_SERVICE = "WireGuardTunnel$telvor"
 NO_SUCH_SERVICE = "ABSENT"
+LOOK_PAUSE = 0.1  # seconds
 STATES = {"1": "STOPPED", "2": "START_PENDING", "3": "STOP_PENDING", "4": "RUNNING"}
 
 # What the errors of opening the pipe mean.
@@ -20,6 +24,7 @@ NO_PIPE = {2: "the service is not running; ./run start starts it",
            231: "the service's pipe has no instance free"}
 
 Finished = collections.namedtuple("Finished", "code output")
+Holdings = collections.namedtuple("Holdings", "handles threads memory")  # memory: of its own, in KiB
 
 
 def environment(laboratory):
@@ -89,15 +94,88 @@ def wait_for_service(laboratory, state, timeout=30, name=prefix.SERVICE):
 
 def service_processes(laboratory):
     """The Linux process ids of the running service."""
+    return _processes(laboratory, lambda words: words[0].lower().endswith(b"telvor.exe"))
+
+
+def _started_programs(laboratory):
+    """Those of the programs that the service starts and waits for: the tunnel's own service is none."""
+    return _processes(laboratory, lambda words: words[0].lower().endswith((b"wireguard.exe", b"wg.exe"))
+                      and words[1:2] != [b"/tunnelservice"])
+
+
+def _processes(laboratory, wanted):
+    """The Linux process ids of the client's programs whose command line is wanted."""
     pids = []
     for pid in laboratory.pids(network.CLIENT.name):
-        try:
-            words = open(f"/proc/{pid}/cmdline", "rb").read().split(b"\0")
-        except OSError:
-            continue
-        if words[0].lower().endswith(b"telvor.exe"):
-            pids.append(pid)
+        with contextlib.suppress(OSError):
+            if wanted(pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().split(b"\0")):
+                pids.append(pid)
     return pids
+
+
+def holdings(laboratory, looks=6):
+    """What the running service holds at rest: of each kind the least of so many looks, since whatever is just
+    under way, as the idle worker's programs always are, holds some for a moment."""
+    pid = _service_process(laboratory)
+    counter = Driver(laboratory, pathlib.PureWindowsPath(prefix.EXECUTABLE).name, program="handle_count.exe")
+    try:
+        seen = [_look_at(pid, counter) for _ in range(looks)]
+    finally:
+        counter.close()
+    return Holdings(*(min(kind) for kind in zip(*seen)))
+
+
+def wait_for_holdings(laboratory, most, timeout=20):
+    """Until the running service holds nothing above `most`; what it holds then. What it does not let go of in
+    that time is lost to it."""
+    deadline = time.monotonic() + timeout
+    while True:
+        found = holdings(laboratory, looks=4)
+        if all(kind <= limit for kind, limit in zip(found, most)):
+            return found
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"the service still holds {found}, not at most {most}")
+
+
+def _look_at(pid, counter):
+    time.sleep(LOOK_PAUSE)
+    return Holdings(int(counter.exchange(b"")), _number_of(pid, "Threads"), _number_of(pid, "RssAnon"))
+
+
+def _service_process(laboratory):
+    """Its process id. For a moment in each start of a program Wine's copy of it has the same name."""
+    deadline = time.monotonic() + 10
+    while len(pids := service_processes(laboratory)) != 1:
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"not one service but {pids}")
+        time.sleep(0.01)
+    return pids[0]
+
+
+def _number_of(pid, name):
+    """A number that the kernel keeps about a process."""
+    told = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
+    return int(re.search(rf"^{name}:\s+(\d+)", told, re.MULTILINE).group(1))
+
+
+def kill_service(laboratory):
+    """Ends the service without a chance to clean up; waits until it is gone, and what it had just started.
+
+    A program whose start the kill cut in two would stand still for ever, and hold what it had inherited."""
+    _kill(service_processes(laboratory))
+    deadline = time.monotonic() + 15
+    while left := service_processes(laboratory) + _started_programs(laboratory):
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"the killed service is still there, or what it had started: {left}")
+        if time.monotonic() > deadline - 10:
+            _kill(_started_programs(laboratory))
+        time.sleep(0.05)
+
+
+def _kill(pids):
+    for pid in pids:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
 
 
 def drive(laboratory):
@@ -117,10 +195,11 @@ def log_lines(laboratory):
 
 
 class Driver:
-    """The pipe driver kept running: one line in, one line out, a connection for each."""
+    """The pipe driver kept running: one line in, one line out, a connection for each. Or another program that
+    does a line's work for each line."""
 
-    def __init__(self, laboratory, *options):
-        program = str(laboratory.build / "lab" / "pipe_client.exe")
+    def __init__(self, laboratory, *options, program="pipe_client.exe"):
+        program = str(laboratory.build / "lab" / program)
         self._process = subprocess.Popen(
             laboratory.enter(network.CLIENT.name) + ["wine", program, *options], env=environment(laboratory),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
@@ -136,10 +215,10 @@ class Driver:
         while b"\n" not in self._pending:
             left = deadline - time.monotonic()
             if left <= 0 or not select.select([self._process.stdout], [], [], left)[0]:
-                raise TimeoutError("the pipe driver printed nothing")
+                raise TimeoutError("the driver printed nothing")
             chunk = os.read(self._process.stdout.fileno(), 65536)
             if not chunk:
-                raise EOFError("the pipe driver ended")
+                raise EOFError("the driver ended")
             self._pending += chunk
         line, _, self._pending = self._pending.partition(b"\n")
         return line.rstrip(b"\r")
@@ -156,6 +235,11 @@ class Driver:
             self._process.kill()
             self._process.wait()
         self._process.stdout.close()
+
+    def kill(self):
+        """Ends it as it stands, in the middle of a write that nobody reads too."""
+        self._process.kill()
+        self.close()
 
 
 class NoPipe(ConnectionError):

@@ -14,6 +14,9 @@ tell more. A request that cannot be read gets 87, an unknown operation 1.
                                             negative) of the name `on` do nothing and answer `code`; wg.exe
                                             then exits with it
   fault_clear                               forgets all faults
+  journal -> operations                     the names of the operations asked for since the journal was begun,
+                                            in their order, done or refused; of very many only the latest
+  journal_begin                             begins a new journal
 
 Routes (routes.py). A row is {destination, prefix_length, next_hop, interface_index, metric}; answers add
 `interface`, the name. next_hop "0.0.0.0" is on-link. Codes 5010, 1168, 87, 1231.
@@ -43,6 +46,7 @@ transaction. Records have the members of the FWPM structures. KIND is provider, 
 
 import argparse
 import asyncio
+import collections
 import json
 import signal
 from dataclasses import dataclass
@@ -55,9 +59,11 @@ from codes import reply
 
 PORT = 47100
 LINE_LIMIT = 64 * 1024 * 1024
+JOURNAL_LENGTH = 10000
 
 _stop = asyncio.Event()
 _faults = []
+_journal = collections.deque(maxlen=JOURNAL_LENGTH)
 
 
 @dataclass
@@ -89,11 +95,22 @@ async def fault_clear(_connection, _request):
     return reply()
 
 
+async def journal(_connection, _request):
+    return reply(operations=list(_journal))
+
+
+async def journal_begin(_connection, _request):
+    _journal.clear()
+    return reply()
+
+
 OPERATIONS = {
     "ping": ping,
     "quit": leave,
     "fault": fault,
     "fault_clear": fault_clear,
+    "journal": journal,
+    "journal_begin": journal_begin,
     **routes.OPERATIONS,
     **tunnels.OPERATIONS,
     **engine.OPERATIONS,
@@ -121,6 +138,7 @@ async def answer(connection, line):
         name = request["op"]
         if name not in OPERATIONS:
             return reply(codes.ERROR_INVALID_FUNCTION, error=f"no operation {name}")
+        _journal.append(name)
         code = take_fault(name)
         if code != codes.SUCCESS:
             return reply(code, error="a fault was asked for")

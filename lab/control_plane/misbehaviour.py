@@ -7,7 +7,9 @@ A rule is a JSON object; all fields but "path" may be left out:
     status   answer with this status (200 when only a body is given)
     body     answer with this text
     body_base64  answer with these bytes, which need be no text
+    size     the last byte of the text or bytes given is repeated until the body is so many bytes long
     delay    wait so many seconds first
+    drip     send the body byte by byte, and wait so many seconds before each
     cut      "silent": close the connection without an answer; "body": close it in the middle of the body
     count    how often; for ever without it
     after    so many matching requests pass unharmed first
@@ -17,6 +19,7 @@ The first rule that matches and is not used up holds. A rule with a delay alone 
 
 import asyncio
 import base64
+import contextlib
 import fnmatch
 import itertools
 import socket
@@ -25,8 +28,10 @@ import time
 
 from aiohttp import web
 
-FIELDS = {"method", "path", "status", "body", "body_base64", "delay", "cut", "count", "after"}
+OWN_ANSWER = {"status", "body", "body_base64", "size"}
+FIELDS = OWN_ANSWER | {"method", "path", "delay", "drip", "cut", "count", "after"}
 CUTS = {None, "silent", "body"}
+PIECE_BYTES = 65536
 
 
 class Misbehaviour:
@@ -38,7 +43,8 @@ class Misbehaviour:
         self._numbers = itertools.count(1)
 
     def add(self, rule):
-        if not rule.get("path") or set(rule) - FIELDS or rule.get("cut") not in CUTS:
+        endless_nothing = "size" in rule and not (rule.get("body") or rule.get("body_base64"))
+        if not rule.get("path") or set(rule) - FIELDS or rule.get("cut") not in CUTS or endless_nothing:
             raise ValueError(f"not a rule: {rule}")
         self.rules.append({"count": None, "after": 0, **rule})
 
@@ -91,12 +97,16 @@ async def _misbehave(request, handler, rule):
     if rule.get("cut") == "silent":
         _hang_up(request)
         return web.Response(status=499)
-    if not {"status", "body", "body_base64"} & set(rule):
+    if not OWN_ANSWER & set(rule):
         response = await handler(request)
     else:
         response = web.Response(status=rule.get("status", 200), body=_body(rule),
                                 content_type="application/json")
-    return await _cut(request, response) if rule.get("cut") == "body" else response
+    if rule.get("cut") == "body":
+        return await _cut(request, response)
+    if rule.get("size") or rule.get("drip"):
+        return await _send_in_pieces(request, response, rule)
+    return response
 
 
 def _body(rule):
@@ -105,12 +115,38 @@ def _body(rule):
     return rule.get("body", "").encode()
 
 
+async def _announce(request, status, length):
+    """Sends the head of an answer whose body of that many bytes is still to come."""
+    begun = web.StreamResponse(status=status, headers={"Content-Type": "application/json"})
+    begun.content_length = length
+    begun.force_close()
+    await begun.prepare(request)
+    return begun
+
+
+async def _send_in_pieces(request, response, rule):
+    """A client that goes in the middle of it is no failure."""
+    body, seconds = response.body, rule.get("drip", 0)
+    size = max(len(body), rule.get("size", 0))
+    length = 1 if seconds else PIECE_BYTES
+    begun = await _announce(request, response.status, size)
+    with contextlib.suppress(ConnectionError):
+        for begin in range(0, size, length):
+            await asyncio.sleep(seconds)
+            await begun.write(_piece(body, begin, min(begin + length, size)))
+    return begun
+
+
+def _piece(body, begin, end):
+    """From one place to another of a body whose last character goes on and on."""
+    there = body[begin:end]
+    return there + body[-1:] * (end - begin - len(there))
+
+
 async def _cut(request, response):
     """Announces the whole body, sends half of it, and hangs up."""
     body = response.body or b"0123456789"
-    partial = web.StreamResponse(status=response.status, headers={"Content-Type": "application/json"})
-    partial.content_length = len(body)
-    await partial.prepare(request)
+    partial = await _announce(request, response.status, len(body))
     await partial.write(body[: len(body) // 2])
     await asyncio.sleep(0.2)  # the half is on its way before the connection is torn down
     _hang_up(request)

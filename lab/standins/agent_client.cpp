@@ -42,7 +42,10 @@ bool ReceiveLine(AgentConnection* connection, std::string* line) {
 
 bool OpenAgent(AgentConnection* connection) {
   if (!StartWinsock()) return false;
-  connection->socket = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  // Not inherited, as no engine handle is: a program that the service started may outlive it, and would keep
+  // the dead one's session and its open transaction.
+  connection->socket = WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+                                  WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
   if (connection->socket == INVALID_SOCKET) return false;
   sockaddr_in address = {};
   address.sin_family = AF_INET;

@@ -9,9 +9,10 @@
 //                                            "!closed"
 //   ... --security                           prints the pipe's discretionary list as SDDL and ends
 //   ... --info                               prints "instances <max> out <bytes> in <bytes> flags <flags>"
-//   ... --hold N                             opens N connections in turn and says nothing on them; prints
-//   "open"
-//                                            or the error of each, and holds them until standard input ends
+//   ... --hold N                             opens N connections in turn, prints "open" or the error of each,
+//                                            and holds them until standard input ends; meanwhile each line,
+//                                            hexadecimal, is written to all of them, and the line "read"
+//                                            reads and prints the reply of each
 //
 // The server has no instance to offer for a moment after each client, so an opening is tried again for MS
 // milliseconds (1000 unless told) before it counts as failed.
@@ -154,18 +155,30 @@ int PrintInfo(const Options& options) {
   return 0;
 }
 
-int Hold(const Options& options) {
-  std::vector<HANDLE> held;
+std::vector<HANDLE> OpenInTurn(const Options& options) {
+  std::vector<HANDLE> opened;
   for (int i = 0; i < options.held; ++i) {
     const HANDLE pipe = OpenPipe(options, GENERIC_READ | GENERIC_WRITE);
     if (pipe == INVALID_HANDLE_VALUE) {
       PrintError(GetLastError());
     } else {
-      held.push_back(pipe);
+      opened.push_back(pipe);
       PrintLine("open");
     }
   }
-  while (std::cin.get() != EOF) {
+  return opened;
+}
+
+int Hold(const Options& options) {
+  const std::vector<HANDLE> held = OpenInTurn(options);
+  for (std::string line; std::getline(std::cin, line);) {
+    for (const HANDLE pipe : held) {
+      if (line == "read") {
+        PrintLine(ReadToEnd(pipe));
+      } else {
+        WriteParts(pipe, {FromHex(line)});
+      }
+    }
   }
   for (const HANDLE pipe : held) CloseHandle(pipe);
   return 0;

@@ -170,6 +170,15 @@ def test_a_negative_count_lasts_until_the_faults_are_cleared(client):
     assert client.code("ping") == 0
 
 
+def test_the_journal_holds_what_was_asked_for_since_it_was_begun(client):
+    client.ask("ping")
+    client.ask("journal_begin")
+    client.ask("fault", on="ping", code=5)
+    client.ask("ping")
+    client.ask("nonsense")
+    assert client.ask("journal")["operations"] == ["fault", "ping", "journal"]
+
+
 def test_quit_ends_the_agent(agent, client):
     assert client.code("quit") == 0
     assert agent.wait(10) == 0

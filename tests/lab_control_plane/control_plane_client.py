@@ -45,10 +45,10 @@ class Plane:
         self.keeper = keeper
         self._database = database
 
-    def ask(self, method, path, body=None, token=None):
+    def ask(self, method, path, body=None, token=None, timeout=10):
         """A body that is no text goes out as JSON."""
         headers = {} if token is None else {"Authorization": f"Bearer {token}"}
-        connection = http.client.HTTPSConnection(HOST, self._port, timeout=10, context=self._trust)
+        connection = http.client.HTTPSConnection(HOST, self._port, timeout=timeout, context=self._trust)
         text = body if body is None or isinstance(body, (str, bytes)) else json.dumps(body)
         try:
             connection.request(method, path, text, headers)

@@ -3,6 +3,7 @@
 import base64
 import http.client
 import json
+import time
 
 import pytest
 from control_plane_client import PUBLIC_KEY, new_email
@@ -148,7 +149,32 @@ def test_a_rule_can_hang_up(plane):
         plane.get("/v1/me/quota")
 
 
-@pytest.mark.parametrize("rule", [{"path": ""}, {"path": "/*", "cut": "often"}, {"path": "/*", "colour": 1}])
+def test_a_rule_can_make_an_answer_as_long_as_it_likes(plane):
+    size = 300_001
+    plane.keeper.misbehave("/v1/me/quota", body='{"a":"b', size=size, count=1)
+    answer = plane.ask("GET", "/v1/me/quota")
+    assert (answer.status, answer.bytes) == (200, b'{"a":"' + b"b" * (size - 6))
+    assert (answer.headers["Connection"], answer.headers["Content-Length"]) == ("close", str(size))
+
+
+def test_a_rule_can_send_an_answer_byte_by_byte(plane):
+    plane.keeper.misbehave("/v1/me/quota", body="sl", size=4, drip=0.1, count=1)
+    began = time.monotonic()
+    assert plane.ask("GET", "/v1/me/quota").bytes == b"slll"
+    assert time.monotonic() - began >= 0.4
+
+
+def test_a_real_answer_can_drip_too_and_the_client_may_leave(plane):
+    plane.keeper.misbehave("/v1/me/quota", drip=0.002, count=1)
+    assert plane.get("/v1/me/quota") == UNAUTHORIZED
+    plane.keeper.misbehave("/v1/me/quota", body="never read", drip=1, count=1)
+    with pytest.raises(TimeoutError):
+        plane.ask("GET", "/v1/me/quota", timeout=0.3)
+    assert plane.get("/v1/me/quota") == UNAUTHORIZED
+
+
+@pytest.mark.parametrize("rule", [{"path": ""}, {"path": "/*", "cut": "often"}, {"path": "/*", "colour": 1},
+                                  {"path": "/*", "size": 10}])
 def test_a_rule_that_is_none_is_refused(plane, rule):
     with pytest.raises(RuntimeError):
         plane.keeper.misbehave(**rule)
