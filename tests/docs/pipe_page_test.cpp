@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "ipc/methods.h"
 #include "tests/docs/page.h"
@@ -37,8 +38,9 @@ TEST(PipePage, DescribesAllMethodsInTheirOrder) {
   for (const std::string& heading : PipePage().headings) {
     if (heading.starts_with('`')) described.push_back(heading.substr(1, heading.find('`', 1) - 1));
   }
-  std::vector<std::string> methods;
-  for (const PipeMethod& method : gPipeMethods) methods.push_back(method.name);
+  std::vector<std::string> methods(std::size(gPipeMethods));
+  std::transform(std::begin(gPipeMethods), std::end(gPipeMethods), methods.begin(),
+                 [](const PipeMethod& method) { return method.name; });
   EXPECT_EQ(described, methods);
 }
 

@@ -71,7 +71,7 @@ std::vector<Answer> gOnce;
 Answer AnswerTo(const std::string& request) {
   for (auto once = gOnce.begin(); once != gOnce.end(); ++once) {
     if (!request.starts_with(once->request)) continue;
-    const Answer answer = *once;
+    Answer answer = *once;
     gOnce.erase(once);
     return answer;
   }

@@ -226,8 +226,8 @@ TEST(TunnelStateLocation, AFailedBootstrapShowsDisconnectedFirst) {
   EXPECT_EQ(fake::Journal(),
             (Journal{
                 "call Bootstrap",
-                "log Unable to pull bootstrap state either AUTH_REQUIRED or other error; staying "
-                "DISCONNECTED/CONNECTING.",
+                ("log Unable to pull bootstrap state either AUTH_REQUIRED or other error; staying "
+                 "DISCONNECTED/CONNECTING."),
                 "log Select-location: tunnel is up; forcing immediate disconnect due to server change",
                 "call UninstallTunnelService telvor",
                 "call RollbackToOpen",

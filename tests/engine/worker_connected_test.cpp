@@ -65,12 +65,12 @@ TEST(WorkerConnected, LeavesOnTheStopEventWithoutALine) {
   WorkerRun run;
   StartConnected(run);
   sim::Run(100);
-  const Journal before = fake::Journal();
+  const auto before = static_cast<std::ptrdiff_t>(fake::Journal().size());
   const uint64_t asked = sim::Now();
   run.Stop();
   EXPECT_EQ(sim::Now(), asked);
   const Journal& all = fake::Journal();
-  EXPECT_EQ(Journal(all.begin() + static_cast<std::ptrdiff_t>(before.size()), all.end()), kTeardown);
+  EXPECT_EQ(Journal(all.begin() + before, all.end()), kTeardown);
 }
 
 TEST(WorkerConnected, LeavesOnAFailedWaitWithoutALineAndConnectsAnew) {

@@ -15,9 +15,9 @@ constexpr platform::Guid kStranger{0x01020304, 0x0506, 0x0708, {1, 2, 3, 4, 5, 6
 
 std::string GuidText(const platform::Guid& key) {
   char text[64];
-  std::snprintf(text, sizeof text, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", key.data1, key.data2,
-                key.data3, key.data4[0], key.data4[1], key.data4[2], key.data4[3], key.data4[4], key.data4[5],
-                key.data4[6], key.data4[7]);
+  static_cast<void>(std::snprintf(text, sizeof text, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
+                                  key.data1, key.data2, key.data3, key.data4[0], key.data4[1], key.data4[2],
+                                  key.data4[3], key.data4[4], key.data4[5], key.data4[6], key.data4[7]));
   return text;
 }
 

@@ -80,7 +80,7 @@ std::optional<double> NaiveNumber(const std::string& object, const std::string& 
   std::string behind = object.substr(at);
   behind = behind.substr(0, behind.find_first_not_of("eE+-0123456789"));
   errno = 0;
-  std::strtod((token + behind).c_str(), nullptr);
+  static_cast<void>(std::strtod((token + behind).c_str(), nullptr));
   if (errno == ERANGE) return std::nullopt;
   errno = 0;
   const double number = std::strtod(token.c_str(), nullptr);

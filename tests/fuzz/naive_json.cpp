@@ -144,7 +144,7 @@ std::string NaiveEscape(const std::string& text) {
   for (const char byte : text) {
     const int code = static_cast<unsigned char>(byte);
     char hexadecimal[8];
-    std::snprintf(hexadecimal, sizeof hexadecimal, "\\u%04x", static_cast<unsigned>(code));
+    static_cast<void>(std::snprintf(hexadecimal, sizeof hexadecimal, "\\u%04x", static_cast<unsigned>(code)));
     escaped += code == 8    ? "\\b"
                : code == 9  ? "\\t"
                : code == 10 ? "\\n"

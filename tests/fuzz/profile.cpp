@@ -26,7 +26,7 @@ Peer PeerAt(const std::string& body, size_t at, const Peer& before) {
 }
 
 Peer NaivePeer(const std::string& body) {
-  const std::string id = NaiveString(body, "assigned_server_id").value_or("");
+  std::string id = NaiveString(body, "assigned_server_id").value_or("");
   Peer peer;
   if (!id.empty()) peer = PeerAt(body, body.find("\"server_id\":\"" + id + "\""), peer);
   return peer.Whole() ? peer : PeerAt(body, NaiveKey(body, "servers"), peer);
@@ -55,7 +55,7 @@ std::string NaiveConfig(const std::string& body) {
 
 // The server that is selected after the profile, none having been before.
 std::string NaiveAssigned(const std::string& body) {
-  const std::string id = NaiveString(body, "assigned_server_id").value_or("");
+  std::string id = NaiveString(body, "assigned_server_id").value_or("");
   const size_t assigned = NaiveKey(body, "assigned_server");
   if (assigned == kNowhere) return id;
   const std::string own = NaiveString(body.substr(assigned), "server_id").value_or("");

@@ -15,7 +15,7 @@ bool AreDigits(const std::string& text) {
 
 // Days from 1970-01-01 to the day, whatever its fields hold, counted year by year and month by month. None
 // beyond the years that the platform knows.
-std::optional<int64_t> DaysTo(int64_t year, int month, int day) {
+std::optional<int64_t> DaysTo(int64_t year, int64_t month, int64_t day) {
   static constexpr int kLengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
   const auto leap = [](int64_t y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; };
   for (; month > 12; month -= 12) ++year;
@@ -62,7 +62,9 @@ std::optional<int64_t> NaiveTime(const std::string& bytes) {
     if (shape[i] != 'd' && !between) return std::nullopt;
   }
   if (!AreDigits(digits)) return std::nullopt;
-  const auto number = [&digits](size_t at, size_t length) { return std::stoi(digits.substr(at, length)); };
+  const auto number = [&digits](size_t at, size_t length) -> int64_t {
+    return std::stoi(digits.substr(at, length));
+  };
   const auto days = DaysTo(number(0, 4), number(4, 2), number(6, 2));
   const auto offset = NaiveOffset(text.substr(19));
   if (!days || !offset) return std::nullopt;

@@ -60,7 +60,7 @@ void ExpectNoOtherLockHeldWhileWaitingFor(platform::Mutex& held, const std::stri
     }
   }
   EXPECT_TRUE(ended) << request;
-  sim::Run(2 * kSits);
+  sim::Run(2ULL * kSits);
 }
 
 TEST(Locks, AreNeverTakenTwoAtATime) {

@@ -148,7 +148,7 @@ TEST(IpcClientThread, ReadsInChunksOf512) {
 TEST(IpcClientThread, GivesALineBeyondTheLimitUp) {
   ServerMachine machine;
   // 391 chunks are 200192 bytes; what comes behind them is not read any more.
-  EXPECT_EQ(Send(std::string(391 * 512, 'x') + kRequest + "\n"), kNoRequest);
+  EXPECT_EQ(Send(std::string(size_t{391} * 512, 'x') + kRequest + "\n"), kNoRequest);
   EXPECT_EQ(sim::CountCalls("ReadFile"), 391u);
 }
 
@@ -227,7 +227,7 @@ TEST(IpcClientThread, IsDetached) {
 TEST(IpcClientThread, KeepsASilentClientForAsLongAsItStays) {
   ServerMachine machine;
   PipeClient silent;
-  sim::Run(3600 * 1000);
+  sim::Run(3'600'000);
   silent.Write(kRequest + "\n");
   EXPECT_EQ(silent.ReadToEnd(), kServed);
 }

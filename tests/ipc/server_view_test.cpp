@@ -52,7 +52,7 @@ TEST(ParseIso8601Utc, NormalisesWhatIsOutOfRange) {
   } rows[] = {{"2025-13-01T00:00:00Z", kNewYear},
               {"2025-12-32T00:00:00Z", kNewYear},
               {"2025-12-31T24:00:00Z", kNewYear},
-              {"2025-11-45T00:00:00Z", kNewYear - 17 * 86400},
+              {"2025-11-45T00:00:00Z", kNewYear - 17L * 86400},
               {"2025-12-31T23:59:60Z", kNewYear}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);

@@ -101,7 +101,7 @@ TEST_F(FilesTest, ReadTextFileTrimmedRefusesEmptyBlankInvalidAndMissingFiles) {
 
 TEST_F(FilesTest, ReadTextFileTrimmedTakesTenMebibytesAndNoByteMore) {
   const std::wstring path = File(L"large.txt");
-  std::string bytes(10 * 1024 * 1024, 'x');
+  std::string bytes(size_t{10} * 1024 * 1024, 'x');
   std::wstring text;
   PutFile(path, bytes);
   EXPECT_TRUE(ReadTextFileTrimmed(path, text));

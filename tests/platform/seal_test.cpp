@@ -7,7 +7,7 @@ namespace {
 
 using SealTest = PlatformTest;
 
-const std::string kPlain("{\"access_token\":\"t\"}\r\n\0\xFF", 25);
+const std::string kPlain("{\"access_token\":\"t\"}\r\n\0\xFF", 24);
 
 }  // namespace
 

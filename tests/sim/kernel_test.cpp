@@ -1,5 +1,7 @@
 #include "sim/kernel.h"
 
+#include <gmock/gmock.h>
+
 #include <memory>
 #include <mutex>
 #include <stdexcept>

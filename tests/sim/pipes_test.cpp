@@ -55,8 +55,8 @@ TEST(NamedPipe, AClientThatComesFirstIsToldBy535) {
 
 TEST(NamedPipe, TheSeventeenthInstanceIsRefused) {
   sim::Machine machine;
-  std::vector<Handle> instances;
-  for (int number = 0; number < 16; ++number) instances.push_back(CreateInstance());
+  std::vector<Handle> instances(16);
+  for (Handle& instance : instances) instance = CreateInstance();
   EXPECT_EQ(CreateInstance(), platform::InvalidHandle());
   EXPECT_EQ(platform::GetLastError(), 231u);
   platform::CloseHandle(instances.back());

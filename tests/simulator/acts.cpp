@@ -22,7 +22,6 @@ namespace simulator {
 namespace {
 
 constexpr wchar_t kVerifierFile[] = L"C:\\ProgramData\\TELVOR\\auth\\device_id.txt.protected";
-constexpr wchar_t kTunnelService[] = L"WireGuardTunnel$telvor";
 constexpr uint64_t kMinute = 60'000;
 constexpr uint64_t kStopBound = 60'000;   // what a stop may take that nothing disturbs
 constexpr uint64_t kRestBound = 900'000;  // back-off, calls that wait, programs that take their time
@@ -111,7 +110,7 @@ void ShortenAWrite(uint32_t choice, uint32_t amount) {
 // ---- The clock, the clients, and the rest of the world ----
 
 void MoveClock(uint32_t choice, uint32_t) {
-  constexpr int64_t kJumps[] = {3'600, -3'600,        86'400 * 40,   -86'400 * 400,
+  constexpr int64_t kJumps[] = {3'600, -3'600,        86'400L * 40,  -86'400L * 400,
                                 250,   4'000'000'000, -1'700'000'000};
   sim::SetUnixTime(sim::UnixTime() + kJumps[choice % std::size(kJumps)]);
 }
@@ -215,6 +214,8 @@ void Connect() {
     // Three handshakes may have been missed just before: then it waits for the user.
     if (gTunnelStatus == kStatusError) AskNow("Connect");
     Await([] { return gTunnelUp && gTunnelStatus == kStatusConnected; }, kMinute);
+    // A pass that a Disconnect and a Connect have overtaken shows its end too, and begins anew at once.
+    if (gTunnelStatus == kStatusConnected && !Pass(1000)) return;
   }
   if (gFacts.violation) return;
   if (gTunnelStatus != kStatusConnected) {

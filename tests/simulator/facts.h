@@ -23,6 +23,8 @@ struct Snapshot {
   bool operator==(const Snapshot&) const = default;
 };
 
+inline constexpr wchar_t kTunnelService[] = L"WireGuardTunnel$telvor";
+
 // One operation of the worker's table that has returned.
 struct OperationFacts {
   const char* name = "";

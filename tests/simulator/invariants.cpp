@@ -17,8 +17,6 @@
 namespace simulator {
 namespace {
 
-constexpr wchar_t kTunnelService[] = L"WireGuardTunnel$telvor";
-
 bool Has(const std::string& text, std::string_view part) {
   return text.find(part) != std::string::npos;
 }

@@ -7,6 +7,7 @@
 #include "facts.h"
 #include "invariants.h"
 #include "service/paths.h"
+#include "service/platform.h"
 #include "sim/device.h"
 #include "sim/files.h"
 #include "sim/http.h"
@@ -19,7 +20,6 @@ namespace simulator {
 namespace {
 
 constexpr wchar_t kSeedFile[] = L"C:\\Program Files\\TELVOR\\data\\runtime.seed";
-constexpr wchar_t kTunnelService[] = L"WireGuardTunnel$telvor";
 constexpr wchar_t kOtherTunnel[] = L"WireGuardTunnel$office";
 constexpr uint32_t kEthernet = 7;
 
@@ -187,8 +187,9 @@ void PutNetworkRight() {
 
 // A tunnel service that hangs leaves its state only by this.
 void PutTunnelServiceRight() {
-  const std::optional<uint32_t> state = sim::ServiceState(kTunnelService);
-  if (state == 2U || state == 3U) sim::SetServiceState(kTunnelService, 1);
+  const uint32_t state = sim::ServiceState(kTunnelService).value_or(platform::kServiceStopped);
+  const bool pending = state == platform::kServiceStartPending || state == platform::kServiceStopPending;
+  if (pending) sim::SetServiceState(kTunnelService, platform::kServiceStopped);
   sim::RemoveService(kOtherTunnel);
 }
 

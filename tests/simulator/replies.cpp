@@ -160,14 +160,14 @@ bool FitsForm(const std::string& text, const std::string& form) {
 }
 
 std::string ReplyFault(const Exchange& exchange) {
-  const std::string told = exchange.what + " got " + exchange.reply;
+  std::string told = exchange.what + " got " + exchange.reply;
   // What ends the reading early gives the fixed line: a stop, a failing read, too long a line.
   const bool mayBeCut =
       !exchange.complete || gFacts.stopSignaled || Happened(exchange) || exchange.life != gFacts.life;
   if (exchange.reply == kNoRequest) return mayBeCut ? "" : told;
   if (!exchange.complete) return told;
   if (gFacts.lockFailures && FitsForm(exchange.reply, ErrorForm("*"))) return "";
-  const std::string state = StateFault(exchange);
+  std::string state = StateFault(exchange);
   if (!state.empty()) return state;
   for (const Question& question : kQuestions) {
     const bool same = exchange.request == RequestLine(question, exchange.client) + "\n";

@@ -167,7 +167,7 @@ std::string RuleSetFault(bool halfPairs) {
     if (!IsPlainPermit(filter->filter)) return "no plain permit: " + Described(*filter);
   }
   const bool baseline = StartsBaseline(own);
-  const std::string fault = baseline ? BaselineFault(own) : "";
+  std::string fault = baseline ? BaselineFault(own) : "";
   if (!fault.empty()) return fault;
   return PairsFault(own, baseline ? std::size(kBaseline) : 0, halfPairs);
 }

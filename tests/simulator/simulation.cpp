@@ -37,7 +37,7 @@ void OnAbort(int) {
 void NoteRunning(uint64_t seed) {
   const std::string text = "while running seed " + std::to_string(seed) + "\n";
   gRunning[text.copy(gRunning, sizeof gRunning - 1)] = '\0';
-  std::signal(SIGABRT, &OnAbort);
+  static_cast<void>(std::signal(SIGABRT, &OnAbort));
 }
 
 uint64_t HashOfMachine() {

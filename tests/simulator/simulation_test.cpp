@@ -35,10 +35,11 @@ Plan ShortLife() {
   return ReadPlan(kShortLife).value();
 }
 
-// How many seeds the test below tries; TELVOR_SEEDS asks for more.
+// How many seeds the test below tries, a few of those that telvor-sim tries without the sanitizers;
+// TELVOR_SEEDS asks for more.
 uint64_t SeedCount() {
   const char* asked = std::getenv("TELVOR_SEEDS");
-  return asked ? std::strtoull(asked, nullptr, 10) : 12;
+  return asked ? std::strtoull(asked, nullptr, 10) : 2;
 }
 
 std::string Seen(const Outcome& outcome) {
@@ -52,14 +53,12 @@ TEST(Simulation, TheServiceKeepsEveryInvariant) {
 }
 
 TEST(Simulation, APlanRunsTwiceAlike) {
-  for (const uint64_t seed : {101u, 102u, 103u}) {
-    const Outcome first = RunPlan(DrawPlan(seed));
-    const Outcome second = RunPlan(DrawPlan(seed));
-    EXPECT_GT(first.calls, 1000u);
-    EXPECT_EQ(first.traceHash, second.traceHash);
-    EXPECT_EQ(first.endHash, second.endHash);
-    EXPECT_EQ(first.milliseconds, second.milliseconds);
-  }
+  const Outcome first = RunPlan(DrawPlan(101));
+  const Outcome second = RunPlan(DrawPlan(101));
+  EXPECT_GT(first.calls, 1000u);
+  EXPECT_EQ(first.traceHash, second.traceHash);
+  EXPECT_EQ(first.endHash, second.endHash);
+  EXPECT_EQ(first.milliseconds, second.milliseconds);
 }
 
 TEST(Simulation, ToldRunsGoTheSameWay) {

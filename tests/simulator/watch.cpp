@@ -237,7 +237,8 @@ void NoteStatus(int32_t status) {
 // A state of the whole, coarse enough that a new one is news.
 void NoteState() {
   const Snapshot& shown = gFacts.shown;
-  uint64_t hash = Mix(0, static_cast<uint64_t>(shown.desired * 8 + shown.status * 2 + (shown.up ? 1 : 0)));
+  uint64_t hash = Mix(0, static_cast<uint64_t>(shown.desired) * 8 + static_cast<uint64_t>(shown.status) * 2 +
+                             (shown.up ? 1 : 0));
   hash = Mix(hash, gFacts.pass.operations.size());
   hash = Mix(hash, gFacts.pass.handshakesMissed);
   hash = Mix(hash, sim::FiltersInForce().size());

@@ -79,9 +79,9 @@ TEST(ResolveDomainIPv4, SkipsAnAddressThatCannotBeConverted) {
 
 TEST(ResolveDomainIPv4, HasNoLimitOfAddresses) {
   sim::Machine machine;
-  std::vector<std::string> addresses;
-  for (int i = 0; i < 1000; ++i) {
-    addresses.push_back("10.1." + std::to_string(i / 250) + "." + std::to_string(i % 250));
+  std::vector<std::string> addresses(1000);
+  for (size_t i = 0; i < addresses.size(); ++i) {
+    addresses[i] = "10.1." + std::to_string(i / 250) + "." + std::to_string(i % 250);
   }
   sim::SetHost(L"host.example", addresses);
   EXPECT_EQ(ResolveDomainIPv4(L"host.example").size(), 1000U);

@@ -41,7 +41,7 @@ inline constexpr char kLogoutReply[] =
     R"({"jsonrpc":"2.0","id":1,"result":{"ok":true,"auth_state":"AUTH_REQUIRED","message":"Logged out"},)"
     R"("error":null})"
     "\n";
-inline constexpr uint32_t kMinute = 60'000;
+inline constexpr uint64_t kMinute = 60'000;
 
 inline std::string Request(const std::string& method, const std::string& parameters = "") {
   const std::string rest = parameters.empty() ? "" : ",\"params\":{" + parameters + "}";

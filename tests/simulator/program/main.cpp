@@ -1,6 +1,7 @@
 // telvor-sim: runs the whole service through random days on the simulated machine, and says what broke.
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -164,7 +165,7 @@ bool Run(const Arguments& arguments) {
 
 }  // namespace
 
-int main(int count, char** texts) {
+int main(int count, char** texts) try {
   CLI::App app("Runs the whole service through random days on the simulated machine.");
   Arguments arguments;
   app.add_option("--seed", arguments.seed, "one run");
@@ -177,4 +178,7 @@ int main(int count, char** texts) {
   app.add_flag("--invariants", arguments.invariants, "lists what must hold");
   CLI11_PARSE(app, count, texts);
   return Run(arguments) ? 0 : 1;
+} catch (const std::exception& exception) {
+  std::cerr << exception.what() << '\n';
+  return 1;
 }

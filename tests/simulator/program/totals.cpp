@@ -7,7 +7,7 @@ namespace {
 
 std::string Fixed(double number) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f", number);
+  static_cast<void>(std::snprintf(text, sizeof text, "%.1f", number));
   return text;
 }
 
