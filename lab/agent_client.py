@@ -108,6 +108,10 @@ class Agent:
     def clear_faults(self):
         self.call("fault_clear")
 
+    def end_sessions(self):
+        """Of whoever has the filtering engine open, as the end of their processes would."""
+        self.call("engine_end_all")
+
     def begin_journal(self):
         self.call("journal_begin")
 

@@ -170,6 +170,7 @@ def kill_service(laboratory):
         if time.monotonic() > deadline - 10:
             _kill(_started_programs(laboratory))
         time.sleep(0.05)
+    laboratory.agent.end_sessions()
 
 
 def _kill(pids):

@@ -39,6 +39,7 @@ transaction. Records have the members of the FWPM structures. KIND is provider, 
   KIND_add {record} -> key, id              KIND_delete {key} or {id}
   KIND_enum_create -> handle                KIND_enum {handle, count} -> entries
   KIND_enum_destroy {handle}
+  engine_end_all                            cuts the connections of all sessions
   snapshot -> providers, sublayers, callouts, filters, sessions
                                             what is in force, in the order added, with every member, and who
                                             has an engine open; needs no session
@@ -148,7 +149,7 @@ async def answer(connection, line):
 
 
 async def serve(reader, writer):
-    connection = object()
+    connection = writer
     try:
         while line := await reader.readline():
             writer.write(json.dumps(await answer(connection, line)).encode() + b"\n")

@@ -71,6 +71,14 @@ async def engine_close(connection, _request):
     return reply()
 
 
+async def engine_end_all(_connection, _request):
+    """As Windows ends the sessions of a process with it. Here the platform may keep the socket of a process that
+    was killed for as long as another one lives, and with it the transaction that was open."""
+    for connection in _sessions:
+        connection.transport.abort()
+    return reply()
+
+
 async def connection_closed(connection):
     """Ends the connection's session, if it has one, as a close and the death of its process both do."""
     session = _sessions.get(connection)
@@ -255,6 +263,7 @@ async def snapshot(_connection, _request):
 OPERATIONS = {
     "engine_open": engine_open,
     "engine_close": engine_close,
+    "engine_end_all": engine_end_all,
     "transaction_begin": _with_session(transaction_begin),
     "transaction_commit": _with_session(transaction_commit),
     "transaction_abort": _with_session(transaction_abort),

@@ -628,3 +628,14 @@ def test_open_sessions_are_listed(engine):
     engine.ask("transaction_begin")
     session, = engine.ask("snapshot")["sessions"]
     assert session["transaction"] is True and session["flags"] == 0
+
+
+def test_all_sessions_can_be_ended_from_outside(client):
+    """Their transactions are aborted, and the next one begins at once."""
+    left = Client()
+    left.ask("engine_open")
+    left.ask("transaction_begin")
+    assert client.code("engine_end_all") == 0
+    wait_for(lambda: client.ask("snapshot")["sessions"] == [])
+    client.ask("engine_open")
+    assert client.code("transaction_begin") == 0
