@@ -191,7 +191,8 @@ bool WinHttpCrackUrl(const std::wstring& url, UrlComponents& components) {
                                     components.pathCapacity));
   if (call.Faulted()) return false;
   sim::SplitUrl split;
-  if (const uint32_t error = sim::Split(url.c_str(), split)) return call.Fail(error);
+  const std::wstring text = url.substr(0, url.find(L'\0'));  // all that a pointer to it tells
+  if (const uint32_t error = sim::Split(text, split)) return call.Fail(error);
   uint16_t port = 0;
   if (!sim::ParsePort(split, port)) return call.Fail(sim::kWinHttpInvalidUrl);
   if (split.host.size() >= components.hostCapacity || split.path.size() >= components.pathCapacity) {

@@ -321,8 +321,8 @@ platform::Handle OpenHandle(std::shared_ptr<Object> object) {
                    thread->name + "' at " + std::to_string(Now());
   }
   gKernel.handles.emplace(value, std::move(entry));
-  return reinterpret_cast<platform::Handle>(
-      value);  // NOLINT(performance-no-int-to-ptr): a number, no address
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): a number, no address
+  return reinterpret_cast<platform::Handle>(value);
 }
 
 std::shared_ptr<Object> FindObject(platform::Handle handle) {

@@ -39,7 +39,7 @@ struct Options {
 class Machine {
  public:
   explicit Machine(const Options& options = {});
-  ~Machine();
+  ~Machine();  // NOLINT(bugprone-exception-escape): see kernel.cpp
   Machine(const Machine&) = delete;
   Machine& operator=(const Machine&) = delete;
 };

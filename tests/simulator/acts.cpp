@@ -193,9 +193,14 @@ bool HandlesRest() {
   return !PipesAreOpen() && sim::OpenHandles("named pipe") <= 1;
 }
 
+// After an undisturbed connection its worker takes the routes away, at its next tick.
+bool RoutesRest() {
+  return !gFacts.afterConnection || !gBypassRoutesInstalled;
+}
+
 bool Rests() {
   return gTunnelStatus == 0 && gTunnelDesired == 0 && !gTunnelUp && !sim::ServiceInstalled(kTunnelService) &&
-         gFacts.exchanges.empty() && OwnFilterCount() == 0 && HandlesRest();
+         gFacts.exchanges.empty() && OwnFilterCount() == 0 && RoutesRest() && HandlesRest();
 }
 
 void ComeToRest() {
@@ -270,7 +275,8 @@ void CalmDown(uint32_t, uint32_t) {
   for (platform::Mutex* lock : kLocks) sim::FailLock(*lock, 0);
   MendVerifier();
   MendClock();
-  if (!ReadyForCalm()) return;
+  // What has been thrown already may still end the process.
+  if (!Pass(1000) || !ReadyForCalm()) return;
   ComeToRest();
   if (gFacts.violation) return;
   Connect();
