@@ -201,9 +201,10 @@ class Driver:
 
     def __init__(self, laboratory, *options, program="pipe_client.exe"):
         program = str(laboratory.build / "lab" / program)
+        self._complaints = tempfile.TemporaryFile()
         self._process = subprocess.Popen(
             laboratory.enter(network.CLIENT.name) + ["wine", program, *options], env=environment(laboratory),
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._complaints, start_new_session=True)
         self._pending = b""
 
     def write(self, line):
@@ -219,10 +220,15 @@ class Driver:
                 raise TimeoutError("the driver printed nothing")
             chunk = os.read(self._process.stdout.fileno(), 65536)
             if not chunk:
-                raise EOFError("the driver ended")
+                raise EOFError(self._end())
             self._pending += chunk
         line, _, self._pending = self._pending.partition(b"\n")
         return line.rstrip(b"\r")
+
+    def _end(self):
+        self._complaints.seek(0)
+        said = self._complaints.read().decode(errors="replace")
+        return f"the driver ended with {self._process.wait(10)} and said: {said}"
 
     def exchange(self, line, timeout=60):
         self.write(line)
@@ -236,6 +242,7 @@ class Driver:
             self._process.kill()
             self._process.wait()
         self._process.stdout.close()
+        self._complaints.close()
 
     def kill(self):
         """Ends it as it stands, in the middle of a write that nobody reads too."""
