@@ -201,7 +201,6 @@ Aftermath WorstOf(const std::string& operation, size_t from) {
   return worst;
 }
 
-// DBG
 void TryFailure(size_t i, Mischief::Kind kind, bool thenHome) {
   ASSERT_TRUE(ExpectationOf(i)) << "nothing is known of what is to be seen";
   const Expectation& expectation = *ExpectationOf(i);
@@ -380,7 +379,6 @@ TEST_F(Sweep, AnUndisturbedDaySaysNoneOfIt) {
 }
 
 // All calls that can fail, or a share of them, in a whole day each; else one of each operation.
-// DBG
 void TryFailures(const char* what, Mischief::Kind kind) {
   size_t first = 0;
   size_t step = 1;

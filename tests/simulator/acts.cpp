@@ -124,41 +124,18 @@ void AskManyTimes(uint32_t choice, uint32_t amount) {
   for (uint32_t count = 0; count < 2 + amount % 18; ++count) StartAsking(choice + count * (amount % 3));
 }
 
-void BeRude(uint32_t choice, uint32_t) {
-  StartBeingRude(choice);
+// What needs less than an act is given.
+template <auto kAct>
+void ByChoice(uint32_t choice, uint32_t) {
+  kAct(choice);
 }
-void TroublePlaneAct(uint32_t choice, uint32_t amount) {
-  TroublePlane(choice, amount);
+template <auto kAct>
+void Simply(uint32_t, uint32_t) {
+  kAct();
 }
-void HealPlaneAct(uint32_t, uint32_t) {
-  HealPlane();
-}
-void RotateTokensAct(uint32_t, uint32_t) {
-  RotateTokens();
-}
+
 void LoseHandshake(uint32_t choice, uint32_t) {
   sim::HandshakeAnswers(choice % 2 == 1);
-}
-void TroubleProgramsAct(uint32_t choice, uint32_t) {
-  TroublePrograms(choice);
-}
-void TroubleTunnelAct(uint32_t choice, uint32_t) {
-  TroubleTunnelService(choice);
-}
-void TroubleNetworkAct(uint32_t choice, uint32_t) {
-  TroubleNetwork(choice);
-}
-void TroubleNamesAct(uint32_t choice, uint32_t) {
-  TroubleNames(choice);
-}
-void ChangePolicyAct(uint32_t choice, uint32_t) {
-  ChangePolicy(choice);
-}
-void HoldAFileAct(uint32_t choice, uint32_t) {
-  HoldAFile(choice);
-}
-void Heal(uint32_t, uint32_t) {
-  HealAll();
 }
 void Wait(uint32_t, uint32_t amount) {
   Pass(amount % (20 * kMinute));
@@ -290,18 +267,18 @@ const std::vector<Act>& Acts() {
   static const std::vector<Act> kActs = {
       {"ask", 40, &Ask},
       {"ask-many", 4, &AskManyTimes},
-      {"be-rude", 6, &BeRude},
+      {"be-rude", 6, &ByChoice<StartBeingRude>},
       {"wait", 8, &Wait},
-      {"trouble-plane", 6, &TroublePlaneAct},
-      {"heal-plane", 5, &HealPlaneAct},
-      {"rotate-tokens", 1, &RotateTokensAct},
+      {"trouble-plane", 6, &TroublePlane},
+      {"heal-plane", 5, &Simply<HealPlane>},
+      {"rotate-tokens", 1, &Simply<RotateTokens>},
       {"handshake", 5, &LoseHandshake},
-      {"trouble-programs", 4, &TroubleProgramsAct},
-      {"trouble-tunnel", 4, &TroubleTunnelAct},
-      {"trouble-network", 4, &TroubleNetworkAct},
-      {"trouble-names", 4, &TroubleNamesAct},
-      {"policy", 2, &ChangePolicyAct},
-      {"hold-file", 3, &HoldAFileAct},
+      {"trouble-programs", 4, &ByChoice<TroublePrograms>},
+      {"trouble-tunnel", 4, &ByChoice<TroubleTunnelService>},
+      {"trouble-network", 4, &ByChoice<TroubleNetwork>},
+      {"trouble-names", 4, &ByChoice<TroubleNames>},
+      {"policy", 2, &ByChoice<ChangePolicy>},
+      {"hold-file", 3, &ByChoice<HoldAFile>},
       {"fault", 16, &LetACallFail},
       {"lock-fails", 1, &LetALockFail},
       {"shorten", 3, &ShortenAWrite},
@@ -309,7 +286,7 @@ const std::vector<Act>& Acts() {
       {"control", 3, &SendStop},
       {"kill", 4, &Kill},
       {"start", 8, &StartAgain},
-      {"heal", 4, &Heal},
+      {"heal", 4, &Simply<HealAll>},
       {"calm", 1, &CalmDown},
   };
   return kActs;

@@ -19,6 +19,15 @@
 namespace simulator {
 namespace {
 
+// How many there are of each.
+constexpr uint32_t kPlaneTroubles = 12;
+constexpr uint32_t kProgramTroubles = 5;
+constexpr uint32_t kTunnelTroubles = 6;
+constexpr uint32_t kNetworkTroubles = 9;
+constexpr uint32_t kNameTroubles = 7;
+constexpr uint32_t kPolicyCount = 5;
+constexpr uint32_t kHeldFiles = 6;
+
 constexpr wchar_t kSeedFile[] = L"C:\\Program Files\\TELVOR\\data\\runtime.seed";
 constexpr wchar_t kOtherTunnel[] = L"WireGuardTunnel$office";
 constexpr uint32_t kEthernet = 7;

@@ -122,9 +122,7 @@ void NoteArgument(OperationFacts& facts, const Argument& argument) {
 
 template <size_t kSize>
 struct Name {
-  constexpr Name(const char (&name)[kSize]) {
-    std::copy_n(name, kSize, text);
-  }  // NOLINT: stands for a literal
+  constexpr Name(const char (&name)[kSize]) { std::copy_n(name, kSize, text); }
   char text[kSize]{};
 };
 
