@@ -13,14 +13,24 @@
 
 namespace {
 
-constexpr int kMostRounds = 20000;
-constexpr auto kLongest = std::chrono::seconds(2);
+constexpr int kMostRounds = 100000;
+constexpr auto kLongest = std::chrono::seconds(3);
 
 struct Change {
   int32_t desiredBefore, statusBefore;
   void (*write)();
   int32_t desired, status;
 };
+
+// Yields rarely: threads that yield to one another run in turns and never look in between.
+void Pause(int looks) {
+  if (looks % 20000 == 0) std::this_thread::yield();
+}
+
+template <typename Condition>
+void WaitFor(const Condition& condition) {
+  for (int looks = 1; !condition(); ++looks) Pause(looks);
+}
 
 // Looks until the change is whole; what it saw in the wrong order.
 std::string Look(const Change& change, uint64_t epochBefore) {
@@ -32,7 +42,7 @@ std::string Look(const Change& change, uint64_t epochBefore) {
     if (newStatus && !newEpoch) return "the status before the epoch";
     if (newEpoch && !newDesired) return "the epoch before the wish";
     if (newStatus) return "";
-    if (looks % 1000 == 0) std::this_thread::yield();
+    Pause(looks);
   }
 }
 
@@ -44,7 +54,7 @@ std::string SeenOutOfOrder(const Change& change) {
   std::string seen;
   std::thread looker([&] {
     for (int round = 1;; ++round) {
-      while (asked != round && asked >= 0) std::this_thread::yield();
+      WaitFor([&] { return asked == round || asked < 0; });
       if (asked < 0) return;
       const std::string now = Look(change, epochBefore);
       if (!now.empty()) seen = now;
@@ -58,7 +68,7 @@ std::string SeenOutOfOrder(const Change& change) {
     epochBefore = gTunnelEpoch.load();
     asked = round;
     change.write();
-    while (answered != round) std::this_thread::yield();
+    WaitFor([&] { return answered == round; });
   }
   asked = -1;
   looker.join();
