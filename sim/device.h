@@ -54,6 +54,7 @@ class Call {
  private:
   void Enter();
   void Die();
+  void Return();
   void BeginTrace();
   void ApplyFaults();
 
@@ -65,7 +66,9 @@ class Call {
   bool inert_ = false;    // no machine, or within a condition of RunUntil
   bool dead_ = false;     // of an ended process
   bool entered_ = false;  // traced, and shown by the thread
-  uint64_t traceNumber_ = 0;
+  bool canFail_ = false;
+  uint64_t begun_ = 0;        // virtual milliseconds
+  uint64_t traceNumber_ = 0;  // 0: not in the trace
   const char* outerOperation_ = "";
   const std::string* outerArguments_ = nullptr;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <string_view>
 
 #include "case.h"
 #include "device.h"
@@ -56,21 +57,21 @@ std::vector<std::wstring> KeysBelow(const std::wstring& folder) {
 }  // namespace
 
 std::wstring FullPath(const std::wstring& path) {
-  std::vector<std::wstring> parts;
   const std::wstring absolute = Absolute(path);
+  std::wstring full;
+  full.reserve(absolute.size());
   for (size_t from = 0; from <= absolute.size();) {
     const size_t to = std::min(absolute.find(L'\\', from), absolute.size());
-    const std::wstring part = absolute.substr(from, to - from);
+    const std::wstring_view part = std::wstring_view(absolute).substr(from, to - from);
     from = to + 1;
     if (part.empty() || part == L".") continue;
-    if (part != L"..") {
-      parts.push_back(part);
-    } else if (parts.size() > 1) {
-      parts.pop_back();
+    if (part == L"..") {
+      full.erase(std::min(full.rfind(L'\\'), full.size()));
+      continue;
     }
+    if (!full.empty()) full += L'\\';
+    full += part;
   }
-  std::wstring full;
-  for (const std::wstring& part : parts) full += full.empty() ? part : L'\\' + part;
   return full;
 }
 

@@ -1,26 +1,34 @@
 #include "filtering_text.h"
 
+#include <array>
+
 #include "trace_text.h"
 
 namespace sim {
 namespace {
 
-std::string Digits(uint32_t number, int count) {
-  std::string text;
-  for (int digit = count - 1; digit >= 0; --digit) text += "0123456789abcdef"[number >> (4 * digit) & 15U];
-  return text;
+// Puts so many digits at `place`, and gives the place behind them.
+char* PutDigits(char* place, uint32_t number, int count) {
+  for (int digit = count - 1; digit >= 0; --digit) *place++ = "0123456789abcdef"[number >> (4 * digit) & 15U];
+  return place;
 }
 
 }  // namespace
 
 // 8-4-4-4-12 hexadecimal digits.
 std::string Text(const platform::Guid& guid) {
-  std::string text = Digits(guid.data1, 8) + '-' + Digits(guid.data2, 4) + '-' + Digits(guid.data3, 4) + '-';
+  std::array<char, 36> text{};
+  char* place = PutDigits(text.data(), guid.data1, 8);
+  *place++ = '-';
+  place = PutDigits(place, guid.data2, 4);
+  *place++ = '-';
+  place = PutDigits(place, guid.data3, 4);
+  *place++ = '-';
   for (size_t index = 0; index < guid.data4.size(); ++index) {
-    if (index == 2) text += '-';
-    text += Digits(guid.data4[index], 2);
+    if (index == 2) *place++ = '-';
+    place = PutDigits(place, guid.data4[index], 2);
   }
-  return text;
+  return {text.data(), text.size()};
 }
 
 std::string Text(const platform::FwpmDisplayData& display) {

@@ -30,9 +30,13 @@ struct Shortening {
 };
 
 struct HandleEntry {
+  uintptr_t value = 0;
   std::shared_ptr<Object> object;
-  std::string origin;  // for the listing of leaks
+  // Where it was made, for the listing of leaks.
+  const char* operation = "";
+  std::string threadName;  // empty: a thread that the machine does not know
   uint32_t thread = 0;
+  uint64_t time = 0;
 };
 
 struct Kernel {
@@ -42,7 +46,9 @@ struct Kernel {
   std::vector<Shortening> shortenings;
   std::vector<TraceEntry> trace;
   uint64_t firstInTrace = 1;  // the number of trace.front()
-  std::map<uintptr_t, HandleEntry> handles;
+  bool keepsTrace = true;
+  TraceEntry returned;               // what the watch is shown; kept for the room that its texts have
+  std::vector<HandleEntry> handles;  // by value, which grows
   uintptr_t nextHandle = kFirstHandle;
   size_t expectedOpenHandles = 0;
   std::vector<std::string> leaks;
@@ -74,22 +80,38 @@ uintptr_t ValueOf(platform::Handle handle) {
   return reinterpret_cast<uintptr_t>(handle);
 }
 
-void NoteLeak(uintptr_t value, const HandleEntry& entry) {
+std::string OriginOf(const HandleEntry& entry) {
+  if (entry.threadName.empty()) return "the driver";
+  return std::string(entry.operation) + " on thread " + std::to_string(entry.thread) + " '" +
+         entry.threadName + "' at " + std::to_string(entry.time);
+}
+
+void NoteLeak(const HandleEntry& entry) {
   std::string text = entry.object->kind + ' ';
-  AppendValue(text, Hex{value});
-  gKernel.leaks.push_back(text + " from " + entry.origin);
+  AppendValue(text, Hex{entry.value});
+  gKernel.leaks.push_back(text + " from " + OriginOf(entry));
+}
+
+// Its place in the table; the end if it is not open.
+std::vector<HandleEntry>::iterator FindHandle(platform::Handle handle) {
+  auto& handles = gKernel.handles;
+  const uintptr_t value = ValueOf(handle);
+  const auto place =
+      std::lower_bound(handles.begin(), handles.end(), value,
+                       [](const HandleEntry& entry, uintptr_t other) { return entry.value < other; });
+  return place != handles.end() && place->value == value ? place : handles.end();
 }
 
 // wmain has returned: what its other threads have open is theirs, not forgotten.
 void NoteLeaksOfEndedThreads(const Thread& main) {
-  for (const auto& [value, entry] : gKernel.handles) {
-    if (entry.thread == main.id || !ThreadRuns(entry.thread)) NoteLeak(value, entry);
+  for (const HandleEntry& entry : gKernel.handles) {
+    if (entry.thread == main.id || !ThreadRuns(entry.thread)) NoteLeak(entry);
   }
 }
 
 void CloseAllHandles() {
   const auto handles = std::exchange(gKernel.handles, {});
-  for (const auto& [value, entry] : handles) entry.object->Closed();
+  for (const HandleEntry& entry : handles) entry.object->Closed();
 }
 
 void FinishProcess() {
@@ -150,6 +172,7 @@ uint32_t& LastErrorPlace() {
 
 Machine::Machine(const Options& options) {
   gKernel = Kernel{};
+  gKernel.keepsTrace = options.keepsTrace;
   BootScheduler(options);
   SetUnixTime(kBootUnixTime);
   for (const auto& [name, hooks] : Devices()) hooks.boot();
@@ -161,7 +184,7 @@ Machine::~Machine() {  // NOLINT(bugprone-exception-escape)
   {
     Guard guard;
     if (!ThreadsRun(Thread::Owner::kProduct)) {
-      for (const auto& [value, entry] : gKernel.handles) NoteLeak(value, entry);
+      for (const HandleEntry& entry : gKernel.handles) NoteLeak(entry);
     }
   }
   KillProcess();
@@ -314,28 +337,31 @@ platform::Handle OpenHandle(std::shared_ptr<Object> object) {
   Guard guard;
   const uintptr_t value = gKernel.nextHandle;
   gKernel.nextHandle += kHandleStep;
-  HandleEntry entry{std::move(object), "the driver", 0};
+  HandleEntry entry;
+  entry.value = value;
+  entry.object = std::move(object);
   if (const Thread* thread = CurrentThread()) {
+    entry.operation = thread->operation;
+    entry.threadName = thread->name;
     entry.thread = thread->id;
-    entry.origin = std::string(thread->operation) + " on thread " + std::to_string(thread->id) + " '" +
-                   thread->name + "' at " + std::to_string(Now());
+    entry.time = Now();
   }
-  gKernel.handles.emplace(value, std::move(entry));
+  gKernel.handles.push_back(std::move(entry));
   // NOLINTNEXTLINE(performance-no-int-to-ptr): a number, no address
   return reinterpret_cast<platform::Handle>(value);
 }
 
 std::shared_ptr<Object> FindObject(platform::Handle handle) {
   Guard guard;
-  const auto found = gKernel.handles.find(ValueOf(handle));
-  return found == gKernel.handles.end() ? nullptr : found->second.object;
+  const auto found = FindHandle(handle);
+  return found == gKernel.handles.end() ? nullptr : found->object;
 }
 
 bool CloseObject(platform::Handle handle) {
   Guard guard;
-  const auto found = gKernel.handles.find(ValueOf(handle));
+  const auto found = FindHandle(handle);
   if (found == gKernel.handles.end()) return false;
-  const std::shared_ptr<Object> object = found->second.object;
+  const std::shared_ptr<Object> object = std::move(found->object);
   gKernel.handles.erase(found);
   object->Closed();
   return true;
@@ -343,7 +369,7 @@ bool CloseObject(platform::Handle handle) {
 
 void ForEachOpenObject(const std::function<void(Object&)>& visit) {
   Guard guard;
-  for (const auto& [value, entry] : gKernel.handles) visit(*entry.object);
+  for (const HandleEntry& entry : gKernel.handles) visit(*entry.object);
 }
 
 void ReportMisuse(const char* operation, platform::Handle handle) {
@@ -365,7 +391,7 @@ size_t OpenHandles(const std::string& kind) {
   Guard guard;
   if (kind.empty()) return gKernel.handles.size();
   size_t count = 0;
-  for (const auto& [value, entry] : gKernel.handles) {
+  for (const HandleEntry& entry : gKernel.handles) {
     if (entry.object->kind == kind) ++count;
   }
   return count;
@@ -419,7 +445,9 @@ void Call::Die() {
 }
 
 void Call::BeginTrace() {
-  gKernel.trace.push_back({Now(), CurrentThread()->id, operation_, arguments_, "", false});
+  begun_ = Now();
+  if (!gKernel.keepsTrace) return;
+  gKernel.trace.push_back({begun_, CurrentThread()->id, operation_, arguments_, "", false});
   traceNumber_ = gKernel.firstInTrace + gKernel.trace.size() - 1;
 }
 
@@ -442,13 +470,28 @@ Call::~Call() {
   Thread& self = *CurrentThread();
   self.operation = outerOperation_;
   self.arguments = outerArguments_;
-  TraceEntry* entry = FindTrace(traceNumber_);
-  if (!entry) return;
-  entry->result = result_.empty() ? "ok" : std::move(result_);
-  if (!dead_) WatchReturned(*entry);
+  if (result_.empty()) result_ = "ok";
+  Return();
+}
+
+// The watch sees also a call from before the trace was cleared.
+void Call::Return() {
+  if (TraceEntry* entry = FindTrace(traceNumber_)) {
+    entry->result = result_;
+  }
+  if (dead_ || FreeRunning()) return;
+  TraceEntry& entry = gKernel.returned;
+  entry.time = begun_;
+  entry.thread = CurrentThread()->id;
+  entry.operation = operation_;
+  entry.arguments = std::move(arguments_);
+  entry.result = std::move(result_);
+  entry.canFail = canFail_;
+  WatchReturned(entry);
 }
 
 bool Call::Faulted() {
+  canFail_ = true;
   if (TraceEntry* entry = entered_ ? FindTrace(traceNumber_) : nullptr) entry->canFail = true;
   if (!fault_) return false;
   if (!dead_) ++gKernel.faultsApplied;

@@ -28,6 +28,8 @@ struct Options {
   // So many calls without any time passing count as an endless loop: the driver's wait is given up and a
   // failure reported or, if the wait has no time limit, the test program aborted.
   uint64_t stepLimit = 1'000'000;
+  // False: Trace() stays empty. The watch sees every call all the same.
+  bool keepsTrace = true;
 };
 
 // One simulated machine, booted anew: empty state in every device, the product's process-wide variables at

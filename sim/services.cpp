@@ -15,6 +15,7 @@ namespace sim {
 namespace {
 
 constexpr wchar_t kOwnName[] = L"TELVOR";
+const std::wstring kOwnKey = LowerCase(kOwnName);
 
 constexpr uint32_t kErrorAccessDenied = 5;
 constexpr uint32_t kErrorInvalidParameter = 87;
@@ -88,13 +89,18 @@ platform::Handle StatusHandle() {
   return &gStatus;
 }
 
-RecordPointer FindRecord(const std::wstring& name) {
-  const auto found = gServices.find(LowerCase(name));
+RecordPointer FindByKey(const std::wstring& key) {
+  const auto found = gServices.find(key);
   return found == gServices.end() ? nullptr : found->second;
 }
 
+RecordPointer FindRecord(const std::wstring& name) {
+  return FindByKey(LowerCase(name));
+}
+
+// Asked at every choice of a thread, by the dispatcher's wait.
 RecordPointer OwnRecord() {
-  return FindRecord(kOwnName);
+  return FindByKey(kOwnKey);
 }
 
 // Of the product's service; stopped also when a test has removed it.
@@ -114,7 +120,7 @@ void Boot() {
   auto own = std::make_shared<Record>();
   own->service.name = kOwnName;
   own->own = true;
-  gServices[LowerCase(kOwnName)] = own;
+  gServices[kOwnKey] = own;
 }
 
 void OnProcessEnd() {

@@ -98,11 +98,25 @@ void AppendUtf16(std::wstring& out, uint32_t character) {
   out += static_cast<wchar_t>(0xDC00 + ((character - 0x10000) & 0x3FF));
 }
 
+// Moves what is the same in both encodings from the beginning of `text` to `out`: mostly that is all of it.
+template <class From, class To>
+void TakePlain(std::basic_string_view<From>& text, std::basic_string<To>& out) {
+  const auto end = std::find_if(text.begin(), text.end(), [](From unit) { return unit < 0 || unit >= 0x80; });
+  const auto count = static_cast<size_t>(end - text.begin());
+  const size_t before = out.size();
+  out.resize(before + count);
+  std::transform(text.begin(), end, out.begin() + static_cast<std::ptrdiff_t>(before),
+                 [](From unit) { return static_cast<To>(unit); });
+  text.remove_prefix(count);
+}
+
 // False if the text is invalid; `out` has its replacements all the same.
 bool ToWide(std::string_view text, std::wstring& out) {
   bool valid = true;
   out.reserve(text.size());
   while (!text.empty()) {
+    TakePlain(text, out);
+    if (text.empty()) break;
     const uint32_t character = TakeUtf8(text);
     valid &= character != kInvalid;
     AppendUtf16(out, character == kInvalid ? kReplacement : character);
@@ -114,6 +128,8 @@ bool ToUtf8(std::wstring_view text, std::string& out) {
   bool valid = true;
   out.reserve(text.size());
   while (!text.empty()) {
+    TakePlain(text, out);
+    if (text.empty()) break;
     const uint32_t character = TakeUtf16(text);
     valid &= character != kInvalid;
     AppendUtf8(out, character == kInvalid ? kReplacement : character);

@@ -42,17 +42,20 @@ struct MutexState {
 };
 
 std::map<const void*, MutexState> gMutexes;
+size_t gMutexesOwned = 0;
 CrashHooks gHooks;
 bool gAborted = false;
 bool (*gConsoleHandler)(uint32_t) = nullptr;
 
 void OnProcessEnd() {
   for (auto& [address, mutex] : gMutexes) mutex.owner = nullptr;
+  gMutexesOwned = 0;
   gConsoleHandler = nullptr;
 }
 
 void Boot() {
   gMutexes.clear();
+  gMutexesOwned = 0;
   ForgetCrashHooks();
 }
 
@@ -99,6 +102,7 @@ void LockByBaton(const platform::Mutex& mutex) {
     if (UnwindIfCondemned(self)) return;
   }
   state.owner = &self;
+  ++gMutexesOwned;
 }
 
 void UnlockByBaton(const platform::Mutex& mutex) {
@@ -107,6 +111,7 @@ void UnlockByBaton(const platform::Mutex& mutex) {
   MutexState& state = gMutexes[&mutex];
   if (state.owner == &self) {
     state.owner = nullptr;
+    --gMutexesOwned;
   } else if (!self.condemned) {
     ReportFailure("thread '" + self.name + "' unlocks a mutex that it does not hold");
   }
@@ -129,6 +134,7 @@ void FailLock(const platform::Mutex& mutex, uint32_t times) {
 
 size_t LocksHeld() {
   Guard guard;
+  if (gMutexesOwned == 0) return 0;
   const Thread* self = CurrentThread();
   return static_cast<size_t>(std::count_if(gMutexes.begin(), gMutexes.end(),
                                            [self](const auto& entry) { return entry.second.owner == self; }));

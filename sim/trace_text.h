@@ -22,7 +22,9 @@ inline void AppendValue(std::string& out, bool value) {
 template <class T>
 requires std::is_integral_v<T>
 void AppendValue(std::string& out, T value) {
-  out += std::to_string(value);
+  std::array<char, 24> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+  out.append(digits.data(), end);
 }
 inline void AppendValue(std::string& out, Hex number) {
   std::array<char, 16> digits{};
@@ -31,7 +33,9 @@ inline void AppendValue(std::string& out, Hex number) {
   out.append(digits.data(), end);
 }
 inline void AppendValue(std::string& out, const std::string& text) {
-  out += '"' + text + '"';
+  out += '"';
+  out += text;
+  out += '"';
 }
 inline void AppendValue(std::string& out, const char* text) {
   AppendValue(out, std::string(text));
@@ -58,10 +62,10 @@ inline void AppendValue(std::string& out, const void* handle) {
 }
 
 inline void AppendArguments(std::string&) {}
-template <class T, class... Rest>
-void AppendArguments(std::string& out, const char* name, const T& value, const Rest&... rest) {
+template <size_t kSize, class T, class... Rest>
+void AppendArguments(std::string& out, const char (&name)[kSize], const T& value, const Rest&... rest) {
   if (!out.empty()) out += ' ';
-  out += name;
+  out.append(&name[0], kSize - 1);
   out += '=';
   if constexpr (std::is_array_v<T>) {
     AppendValue(out, &value[0]);
@@ -74,7 +78,9 @@ void AppendArguments(std::string& out, const char* name, const T& value, const R
 // "name=value name=value ..." of alternating names and values.
 template <class... Pairs>
 std::string Args(const Pairs&... pairs) {
+  constexpr size_t kMostlyEnough = 96;
   std::string out;
+  if (sizeof...(pairs) > 2) out.reserve(kMostlyEnough);
   AppendArguments(out, pairs...);
   return out;
 }

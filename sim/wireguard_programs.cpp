@@ -30,12 +30,13 @@ const Device kDevice("wireguard", [] {
 // Split at blanks, except within double quotes.
 std::vector<std::wstring> Words(const std::wstring& commandLine) {
   std::vector<std::wstring> words;
+  words.reserve(4);
   bool quoted = false;
   bool inside = false;
   for (const wchar_t character : commandLine) {
     if (character == L'"') quoted = !quoted;
     const bool separates = character == L' ' && !quoted;
-    if (!separates && !inside) words.emplace_back();
+    if (!separates && !inside) words.emplace_back().reserve(commandLine.size());
     inside = !separates;
     if (inside && character != L'"') words.back() += character;
   }

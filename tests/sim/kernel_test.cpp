@@ -2,12 +2,15 @@
 
 #include <gmock/gmock.h>
 
+#include <sched.h>
+
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
 
 #include "engine/tunnel_state.h"
+#include "sim/device.h"
 #include "sim/files.h"
 #include "sim_fixture.h"
 
@@ -281,6 +284,22 @@ TEST(Kernel, TheTraceHoldsEveryCallWithItsArgumentsAndResult) {
   EXPECT_EQ(sim::CountCalls("DeleteFileW"), 0u);
 }
 
+// Where only one thread runs at a time, another processor would only have to be woken for each.
+TEST(Kernel, TheBatonStaysOnOneProcessorAsLongAsTheMachineLasts) {
+  const auto processors = [] {
+    cpu_set_t set;
+    return sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 0;
+  };
+  const int before = processors();
+  {
+    sim::Machine machine;
+    EXPECT_EQ(processors(), 1);
+  }
+  EXPECT_EQ(processors(), before);
+  sim::Machine free({.freeRunning = true});
+  EXPECT_EQ(processors(), before);
+}
+
 // ---- Watching ----
 
 std::vector<std::string> gReturned;
@@ -288,7 +307,7 @@ std::vector<uint32_t> gStepped;
 
 class Watched : public testing::Test {
  protected:
-  Watched() {
+  explicit Watched(const sim::Options& options = {}) : machine_(options) {
     gReturned.clear();
     gStepped.clear();
     sim::SetWatch({.step = [](uint32_t thread) { gStepped.push_back(thread); },
@@ -307,6 +326,23 @@ TEST_F(Watched, SeesEveryCallThatHasReturnedAndLeavesNoTraceOfItsOwn) {
   platform::DeleteFileW(L"C:\\missing.txt");
   EXPECT_THAT(gReturned, testing::ElementsAre("DeleteFileW failed 2"));
   EXPECT_EQ(sim::CountCalls("GetFileAttributesW"), 0u);
+}
+
+TEST_F(Watched, SeesACallThatWasUnderWayAsTheTraceWasCleared) {
+  sim::After(10, &sim::ClearTrace);
+  platform::Sleep(20);
+  EXPECT_THAT(gReturned, testing::ElementsAre("Sleep ok"));
+}
+
+class WatchedUntraced : public Watched {
+ protected:
+  WatchedUntraced() : Watched({.keepsTrace = false}) {}
+};
+
+TEST_F(WatchedUntraced, SeesEveryCallAllTheSame) {
+  platform::DeleteFileW(L"C:\\missing.txt");
+  EXPECT_THAT(gReturned, testing::ElementsAre("DeleteFileW failed 2"));
+  EXPECT_THAT(sim::Trace(), testing::IsEmpty());
 }
 
 TEST_F(Watched, IsShownEachThreadBeforeAnotherRuns) {

@@ -74,7 +74,8 @@ void SendStop(uint32_t choice, uint32_t amount) {
   if (ended) {
     if (amount % 2 == 0 && sim::FaultsApplied() == faults) gFacts.afterConnection = false;
     NoteEnd();
-  } else if (amount % 2 == 0 && sim::FaultsApplied() == faults) {
+  } else if (amount % 2 == 0 && sim::FaultsApplied() == faults && !gFacts.endUnreported) {
+    // Whose service manager does not know of its end is not ended by it.
     Violate(kEndsOnStop, "the process is there a minute after its stop\n" + sim::ThreadListing());
   }
 }
@@ -207,13 +208,13 @@ void Connect() {
   Judge(Moment::kConnected);
 }
 
-// A service whose stop is under way, or whose pipe could not be made, is no use to anybody.
+// A service whose end is under way, or whose pipe could not be made, is no use to anybody.
 bool ReadyForCalm() {
   if (!Await([] { return ClientsAtWork() == 0; }, 2 * kRestBound)) {
     if (!gFacts.violation) Violate(kAnswers, "clients are still at work\n" + sim::ThreadListing());
     return false;
   }
-  const bool usable = sim::ProductRunning() && !gFacts.stopSignaled &&
+  const bool usable = sim::ProductRunning() && !gFacts.stopSignaled && !gFacts.supervisionEnds &&
                       Await([] { return sim::PipeInstances() > 0; }, kMinute) && sim::ProductRunning();
   if (gFacts.violation) return false;
   if (!usable && !Await([] { return !sim::ProductRunning(); }, kMinute) && !gFacts.violation) Kill(1000, 0);

@@ -38,6 +38,7 @@ struct OperationFacts {
 
 struct ThreadFacts {
   bool worker = false;
+  bool supervisor = false;
   const char* method = nullptr;     // the pipe method that it runs
   const char* operation = nullptr;  // the operation of the worker's table that it runs
   bool mayConnect = false;          // its method has yet to write the intent to connect
@@ -110,6 +111,8 @@ struct Facts {
 
   bool rolledBackAtStart = false;  // this life's worker has
   bool stopSignaled = false;       // in this life
+  bool supervisionEnds = false;    // this life's supervisor has given up: the process ends within seconds
+  bool endUnreported = false;      // this life's last report, that it has stopped, was refused
   bool endedByStop = false;        // the life before
   bool lockFailures = false;       // in this run
   bool afterConnection = false;    // the rest follows a connection that nothing has disturbed

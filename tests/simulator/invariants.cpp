@@ -201,9 +201,13 @@ std::string ConnectedIsTrue() {
 
 // ---- Calls ----
 
+bool CallIs(std::string_view operation) {
+  return gFacts.call->operation == operation;
+}
+
 // Writing the log is all that a lock may be held over.
 std::string NoLockAcrossCalls() {
-  constexpr std::array<std::string_view, 14> kQuick = {
+  static constexpr std::array<std::string_view, 14> kQuick = {
       "CreateFileW",      "WriteFile",   "CloseHandle",         "GetLocalTime",
       "CreateDirectoryW", "_time64",     "MultiByteToWideChar", "WideCharToMultiByte",
       "GetTickCount64",   "DeleteFileW", "FormatMessageW",      "GetEnvironmentVariableW",
@@ -215,7 +219,7 @@ std::string NoLockAcrossCalls() {
 }
 
 std::string NoSecretInLog() {
-  if (gFacts.call->operation != "WriteFile") return "";
+  if (!CallIs("WriteFile")) return "";
   const ThreadFacts& thread = FactsOf(gFacts.call->thread);
   const std::string& file = thread.openedFile;
   if (!gFacts.call->arguments.starts_with(thread.openedHandle)) return "";
@@ -227,7 +231,7 @@ std::string NoSecretInLog() {
 }
 
 bool IsCommit() {
-  return gFacts.call->operation == "FwpmTransactionCommit0" && gFacts.call->result == "ok";
+  return CallIs("FwpmTransactionCommit0") && gFacts.call->result == "ok";
 }
 
 std::string RuleSetIsWhole() {
@@ -246,7 +250,7 @@ std::string BaselineAfterHandshake() {
 }
 
 std::string ConfigIsPutInPlaceWhole() {
-  if (gFacts.call->operation != "MoveFileExW" || gFacts.call->result != "ok") return "";
+  if (!CallIs("MoveFileExW") || gFacts.call->result != "ok") return "";
   if (!Has(gFacts.call->arguments, "wg\\telvor.conf\" flags")) return "";
   const std::string text = gFacts.config.value_or("");
   for (const char* part : {"[Interface]", "PrivateKey = ", "Address = ", "[Peer]",
@@ -393,6 +397,20 @@ std::string TunnelRunsWhileConnected() {
   return Unless(sim::ServiceState(kTunnelService) == 4U, "the tunnel service does not run");
 }
 
+constexpr size_t kMoments = static_cast<size_t>(Moment::kConnected) + 1;
+
+// Sorted once: calls are judged by the million.
+const std::vector<const Invariant*>& InvariantsOf(Moment moment) {
+  static const auto kByMoment = [] {
+    std::array<std::vector<const Invariant*>, kMoments> sorted;
+    for (const Invariant& invariant : Invariants()) {
+      sorted[static_cast<size_t>(invariant.moment)].push_back(&invariant);
+    }
+    return sorted;
+  }();
+  return kByMoment[static_cast<size_t>(moment)];
+}
+
 }  // namespace
 
 const std::vector<Invariant>& Invariants() {
@@ -457,10 +475,9 @@ const std::vector<Invariant>& Invariants() {
 
 void Judge(Moment moment) {
   if (gFacts.violation) return;
-  for (const Invariant& invariant : Invariants()) {
-    if (invariant.moment != moment) continue;
-    const std::string seen = invariant.broken();
-    if (!seen.empty()) Violate(invariant.name, seen);
+  for (const Invariant* invariant : InvariantsOf(moment)) {
+    const std::string seen = invariant->broken();
+    if (!seen.empty()) Violate(invariant->name, seen);
   }
 }
 

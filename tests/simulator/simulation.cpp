@@ -75,7 +75,7 @@ Outcome RunPlan(const Plan& plan, const RunOptions& options) {
   ForgetClients();
   Outcome outcome;
   {
-    sim::Machine machine({.seed = plan.seed});
+    sim::Machine machine({.seed = plan.seed, .keepsTrace = false});
     // What a stop cuts off is open then; what is left at rest is judged instead.
     sim::ExpectOpenHandles(kManyHandles);
     SettleIn();

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "canaries.h"
+#include "days.h"
 #include "invariants.h"
 #include "replies.h"
 #include "rule_model.h"
@@ -45,6 +46,30 @@ TEST(Simulation, TheServiceKeepsEveryInvariant) {
   for (uint64_t seed = 1; seed <= kDays; ++seed) {
     EXPECT_EQ(Seen(RunPlan(DrawPlan(seed))), "") << "seed " << seed;
   }
+}
+
+// Without trouble nothing fails, and the busy day has a tunnel: its worker adds the filters of the rule set.
+TEST(Simulation, DaysWithoutTroubleKeepEveryInvariant) {
+  const Outcome idle = RunPlan(DayPlan("idle", 0.1));
+  const Outcome busy = RunPlan(DayPlan("busy", 0.1));
+  EXPECT_EQ(Seen(idle) + Seen(busy), "");
+  EXPECT_GE(idle.milliseconds, 360'000u);
+  EXPECT_GE(busy.milliseconds, 360'000u);
+  EXPECT_EQ(idle.faults + busy.faults, 0u);
+}
+
+TEST(Simulation, ABusyDayIsPolledEveryOtherSecond) {
+  const Plan plan = DayPlan("busy", 0.5);
+  size_t polls = 0;
+  uint64_t length = 0;
+  for (const Event& event : plan.events) {
+    polls += QuestionAt(event.choice).method == std::string("GET /ui/status");
+    length += event.pause;
+  }
+  EXPECT_EQ(polls, 899u);
+  EXPECT_EQ(length, 1'800'000u);
+  EXPECT_EQ(DayPlan("idle", 0.5).events.size(), 1u);
+  EXPECT_TRUE(DayPlan("rainy", 0.5).events.empty());
 }
 
 TEST(Simulation, APlanRunsTwiceAlike) {

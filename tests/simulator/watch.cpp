@@ -27,8 +27,6 @@
 namespace simulator {
 namespace {
 
-constexpr size_t kLongestTrace = 4096;  // entries that are kept
-
 TableChange gChange = nullptr;
 WorkerOperations gBehind;
 std::array<PipeMethod, kPipeMethodCount> gMethodsBehind;
@@ -290,6 +288,8 @@ void OnProcessEnd() {
   gFacts.endedByStop = gFacts.stopSignaled;
   ++gFacts.life;
   gFacts.stopSignaled = false;
+  gFacts.supervisionEnds = false;
+  gFacts.endUnreported = false;
   gFacts.pass = PassFacts{};
   gFacts.firewall.sweeping.clear();
 }
@@ -318,13 +318,22 @@ void OnMoveFile(const sim::TraceEntry& call) {
 }
 
 void OnSetServiceStatus(const sim::TraceEntry& call) {
-  ThreadFacts& thread = FactsOf(call.thread);
-  if (!Has(call.arguments, " state=3 ")) return;
-  thread.mayDisconnect = true;
+  if (Has(call.arguments, " state=3 ")) FactsOf(call.thread).mayDisconnect = true;
+  if (Has(call.arguments, " state=1 ") && call.result != "ok") gFacts.endUnreported = true;
 }
 
 void OnSetEvent(const sim::TraceEntry& call) {
   if (call.result == "ok") gFacts.stopSignaled = true;
+}
+
+// The wait for the stop and the worker's end, which only the supervisor makes.
+void OnWaitForMultipleObjects(const sim::TraceEntry& call) {
+  FactsOf(call.thread).supervisor = true;
+  if (Has(call.result, "failed")) gFacts.supervisionEnds = true;
+}
+
+void OnCreateThread(const sim::TraceEntry& call) {
+  if (FactsOf(call.thread).supervisor && Has(call.result, "failed")) gFacts.supervisionEnds = true;
 }
 
 void OnCreateRoute(const sim::TraceEntry& call) {
@@ -368,12 +377,15 @@ void OnCommit(const sim::TraceEntry& call) {
 }
 
 using CallNote = void (*)(const sim::TraceEntry&);
-const std::unordered_map<std::string_view, CallNote>& CallNotes() {
-  static const std::unordered_map<std::string_view, CallNote> kNotes = {
+// By the hash of the operation's name, which every call has anyway.
+const std::unordered_map<size_t, CallNote>& CallNotes() {
+  static constexpr std::pair<const char*, CallNote> kNotes[] = {
       {"CreateFileW", &OnCreateFile},
       {"MoveFileExW", &OnMoveFile},
       {"SetServiceStatus", &OnSetServiceStatus},
       {"SetEvent", &OnSetEvent},
+      {"WaitForMultipleObjects", &OnWaitForMultipleObjects},
+      {"CreateThread", &OnCreateThread},
       {"CreateIpForwardEntry2", &OnCreateRoute},
       {"SetIpForwardEntry2", &OnCreateRoute},
       {"FwpmProviderDeleteByKey0", &OnProviderDelete},
@@ -384,33 +396,40 @@ const std::unordered_map<std::string_view, CallNote>& CallNotes() {
       {"FwpmFilterDeleteById0", &OnSweep},
       {"FwpmTransactionCommit0", &OnCommit},
   };
-  return kNotes;
+  static const auto kByHash = [] {
+    std::unordered_map<size_t, CallNote> notes;
+    for (const auto& [name, note] : kNotes) notes.emplace(std::hash<std::string>()(name), note);
+    return notes;
+  }();
+  return kByHash;
 }
 
-void HashCall(const sim::TraceEntry& call) {
+// `operation`: the hash of its name.
+void HashCall(const sim::TraceEntry& call, size_t operation) {
   const std::hash<std::string> hash;
   uint64_t& all = gFacts.traceHash;
   all = Mix(all, call.time * 64 + call.thread);
-  all = Mix(all, hash(call.operation));
+  all = Mix(all, operation);
   all = Mix(all, hash(call.arguments));
   all = Mix(all, hash(call.result));
 }
 
 void TellFault(const sim::TraceEntry& call) {
-  if (std::exchange(gFacts.faultsSeen, sim::FaultsApplied()) == sim::FaultsApplied()) return;
+  const size_t applied = sim::FaultsApplied();
+  if (std::exchange(gFacts.faultsSeen, applied) == applied) return;
   if (Telling()) Tell("thread " + std::to_string(call.thread) + ": " + call.operation + " " + call.result);
 }
 
 void OnReturned(const sim::TraceEntry& call) {
   ++gFacts.calls;
   TellFault(call);
-  HashCall(call);
-  const auto note = CallNotes().find(call.operation);
+  const size_t operation = std::hash<std::string>()(call.operation);
+  HashCall(call, operation);
+  const auto note = CallNotes().find(operation);
   if (note != CallNotes().end()) note->second(call);
   gFacts.call = &call;
   Judge(Moment::kCall);
   gFacts.call = nullptr;
-  if (sim::Trace().size() > kLongestTrace) sim::ClearTrace();
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "canaries.h"
+#include "days.h"
 #include "invariants.h"
 #include "shrink.h"
 #include "totals.h"
@@ -21,6 +23,7 @@ struct Arguments {
   std::optional<uint64_t> seed;
   std::string seeds;
   double hours = 0;
+  std::string day;
   std::string replay;
   std::string output = ".";
   bool story = false;
@@ -41,6 +44,7 @@ void KeepFailure(const Arguments& arguments, const Plan& plan, const Violation& 
   const Plan smallest =
       violation.invariant == kTwice ? plan : ShrinkByRunning(plan, violation.invariant, RunOptions{});
   std::cout << "shortened to " << smallest.events.size() << " events:\n" << PlanText(smallest);
+  std::filesystem::create_directories(arguments.output);
   const std::string base = arguments.output + "/telvor-sim-" + std::to_string(plan.seed);
   std::ofstream(base + ".plan") << PlanText(smallest);
   WriteLines(base + ".story", RunPlan(smallest, {.story = true}).story);
@@ -103,6 +107,14 @@ bool RunForHours(const Arguments& arguments) {
   return found && totals.failures == 0;
 }
 
+bool RunDay(const Arguments& arguments) {
+  Totals totals;
+  const double hours = arguments.hours > 0 ? arguments.hours : 24;
+  const bool good = RunAndJudge(arguments, DayPlan(arguments.day, hours), false, totals);
+  std::cout << TotalsText(totals);
+  return good;
+}
+
 // Every bug that is put in must be found, and by the invariant that it breaks.
 bool FindAllCanaries() {
   constexpr uint64_t kSeeds = 200;
@@ -159,6 +171,7 @@ bool Run(const Arguments& arguments) {
   if (arguments.canary) return FindAllCanaries();
   if (!arguments.replay.empty()) return Replay(arguments);
   if (!arguments.seeds.empty()) return RunSeeds(arguments);
+  if (!arguments.day.empty()) return RunDay(arguments);
   if (arguments.hours > 0) return RunForHours(arguments);
   return RunOne(arguments, DrawPlan(arguments.seed.value_or(1)));
 }
@@ -170,7 +183,10 @@ int main(int count, char** texts) try {
   Arguments arguments;
   app.add_option("--seed", arguments.seed, "one run");
   app.add_option("--seeds", arguments.seeds, "the runs A-B, every tenth twice");
-  app.add_option("--hours", arguments.hours, "new seeds for so many hours, also parts of one");
+  app.add_option("--hours", arguments.hours,
+                 "new seeds for so many hours, also parts of one; with --day: what it lasts");
+  app.add_option("--day", arguments.day, "a day without trouble: idle or busy, of 24 hours")
+      ->check(CLI::IsMember({"idle", "busy"}));
   app.add_option("--replay", arguments.replay, "the run of a plan in a file");
   app.add_option("--output", arguments.output, "where plans and stories of failures are written");
   app.add_flag("--story", arguments.story, "tells the run");
