@@ -1,8 +1,9 @@
 """The Debian packages that the build, the laboratory and the tests need, and how to have them installed.
 
-    python3 lab/requirements.py [--tests] [--proofs]     installs what is missing
+    python3 lab/requirements.py [--tests] [--proofs] [--bench]     installs what is missing
 
---tests adds what the tests need, --proofs what the fuzz targets need beside these. The coverage is counted
+--tests adds what the tests need, --proofs what the fuzz targets need beside these, --bench what the benchmarks and
+the drawings need. The coverage is counted
 with gcov, which comes with g++.
 
 Everything is looked for where it would be used, so that a program that came another way counts as well.
@@ -50,6 +51,13 @@ TESTS = {
 PROOFS = {
     "clang": "clang++",
     "libclang-rt-14-dev": "/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux/libclang_rt.fuzzer-x86_64.a",
+}
+
+BENCH = {
+    "libbenchmark-dev": "/usr/include/benchmark/benchmark.h",
+    "libsimdjson-dev": "/usr/include/simdjson.h",
+    "linux-perf": "perf",
+    "python3-matplotlib": ":matplotlib",
 }
 
 
@@ -100,7 +108,7 @@ def install(*groups, tell=print):
 
 def main():
     try:
-        options = {"--tests": TESTS, "--proofs": PROOFS}
+        options = {"--tests": TESTS, "--proofs": PROOFS, "--bench": BENCH}
         chosen = [packages for option, packages in options.items() if option in sys.argv[1:]]
         install(BUILD, LABORATORY, *chosen)
     except NotInstalled as failure:
