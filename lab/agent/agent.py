@@ -146,6 +146,8 @@ async def answer(connection, line):
         return await OPERATIONS[name](connection, request)
     except (ValueError, KeyError, TypeError, AttributeError) as mistake:
         return reply(codes.ERROR_INVALID_PARAMETER, error=f"{type(mistake).__name__}: {mistake}")
+    except OSError as failure:
+        return reply(codes.ERROR_GEN_FAILURE, error=str(failure))
 
 
 async def serve(reader, writer):

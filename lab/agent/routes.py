@@ -47,10 +47,18 @@ def list_routes():
     with open("/proc/net/route", encoding="ascii") as table:
         for line in table.readlines()[1:]:
             name, destination, gateway, flags, _, _, metric, mask = line.split()[:8]
-            if int(flags, 16) & (RTF_UP | RTF_REJECT) == RTF_UP:
-                rows.append(Route(_dotted(destination), int(mask, 16).bit_count(), _dotted(gateway),
-                                  socket.if_nametoindex(name), name, int(metric)))
+            if int(flags, 16) & (RTF_UP | RTF_REJECT) == RTF_UP and (index := _interface_index(name)):
+                rows.append(Route(_dotted(destination), int(mask, 16).bit_count(), _dotted(gateway), index, name,
+                                  int(metric)))
     return rows
+
+
+def _interface_index(name):
+    """0 for an interface that has gone since its row was read, and its rows with it."""
+    try:
+        return socket.if_nametoindex(name)
+    except OSError:
+        return 0
 
 
 def _dotted(little_endian_hex):

@@ -194,6 +194,23 @@ def test_the_table_is_listed_with_default_and_connected_routes(client):
                                      "interface_index": lan_index(), "interface": "lan0", "metric": 0}
 
 
+# Lists the interfaces of the rows, then again as if each of them went when its row had just been read.
+ROWS_OF_LOST_INTERFACES = """
+import sys
+sys.path.insert(0, sys.argv[1])
+import routes
+print(len(routes.list_routes()))
+routes.socket = type("Socket", (), dict(vars(routes.socket), if_nametoindex=lambda name: open("/no/such")))
+print(len(routes.list_routes()))
+"""
+
+
+def test_rows_of_an_interface_that_goes_while_they_are_read_are_left_out(client):
+    listed = inside(CLIENT, "/usr/bin/python3", "-B", "-c", ROWS_OF_LOST_INTERFACES, str(AGENT.parent))
+    before, after = map(int, listed.split())
+    assert before > 0 and after == 0
+
+
 def test_a_created_route_is_in_the_kernel_and_a_second_one_exists(client):
     assert client.code("route_create", **host_route("203.0.113.7")) == 0
     assert kernel_routes("203.0.113.7") == [f"203.0.113.7 via {GATEWAY} dev lan0 metric 5 "]
