@@ -1,5 +1,6 @@
 """One laboratory for all tests here; each test starts from an idle service and a well-behaved world."""
 
+import contextlib
 import os
 import pathlib
 import sys
@@ -13,6 +14,7 @@ from lab import laboratory as laboratories  # noqa: E402
 from lab import network, vpn_servers, windows  # noqa: E402
 from lab.laboratory import wait_until  # noqa: E402
 
+LINES_OF_FAILURE = 120
 BUILD = pathlib.Path(os.environ.get("TELVOR_LAB_BUILD", ROOT / "build" / "windows"))
 
 
@@ -21,6 +23,20 @@ def whole_laboratory():
     laboratories.check_machine(BUILD)
     with laboratories.Laboratory(BUILD) as made:
         yield made
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """A failed test shows what the service wrote last and what is in force."""
+    report = (yield).get_result()
+    laboratory = getattr(item, "funcargs", {}).get("whole_laboratory")
+    if not report.failed or laboratory is None:
+        return
+    with contextlib.suppress(OSError):
+        lines = windows.log_bytes(laboratory)[-20000:].decode("latin-1").splitlines()
+        report.sections.append(("the service's log", "\n".join(lines[-LINES_OF_FAILURE:])))
+    with contextlib.suppress(Exception):
+        report.sections.append(("in force", repr(traces(laboratory))))
 
 
 @pytest.fixture
