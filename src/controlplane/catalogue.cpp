@@ -24,29 +24,6 @@ struct SelectPut {
 constexpr SelectPut kSelectPuts[] = {{L"/wg-server", "wg_server_id"}, {L"/server", "server_id"}};
 constexpr wchar_t kSelectPostPath[] = L"/v1/servers/select";
 
-// The fields that catalogue and tunnel profile share.
-void ReadServerFields(std::string_view text, ServerRecord& server) {
-  JsonGetString(text, "server_id", server.id);
-  JsonGetString(text, "name", server.name);
-  JsonGetString(text, "country", server.country);
-  JsonGetString(text, "city", server.city);
-  JsonGetString(text, "public_egress_ip", server.public_egress_ip);
-  ExtractJsonNumberField(text, "latitude", server.latitude);
-  ExtractJsonNumberField(text, "longitude", server.longitude);
-}
-
-ServerRecord ReadCatalogueEntry(std::string_view object) {
-  ServerRecord server;
-  ReadServerFields(object, server);
-  LogLine(L"[CP] server_id=" + Utf8ToWide(server.id) + L" city=" + Utf8ToWide(server.city) +
-          L" public_egress_ip=" + Utf8ToWide(server.public_egress_ip));
-  uint8_t online = 0;
-  JsonGetBool(object, "online", online);
-  server.online = online != 0;
-  JsonGetString(object, "last_seen_at", server.last_seen_at);
-  return server;
-}
-
 bool FetchLocations(const std::wstring& baseUrl, const std::wstring& token, std::string& body) {
   uint32_t status = 0;
   const bool fetched = HttpGet(CpUrl(baseUrl, L"/v1/servers/locations"), token, status, body);
@@ -97,15 +74,15 @@ bool CpGetServerLocations(const std::wstring& baseUrl, std::vector<ServerRecord>
   }
   std::string body;
   if (!FetchLocations(baseUrl, token, body)) return false;
-  std::vector<std::string_view> objects;
-  if (!ExtractServersArrayObjects(body, objects)) {
+  if (!ReadServerRecords(body, servers)) {
     LogLine(L"CpGetServerLocations: missing/invalid servers[]");
     return false;
   }
-  for (const std::string_view object : objects) {
-    ServerRecord server = ReadCatalogueEntry(object);
-    if (!server.id.empty()) servers.push_back(std::move(server));
+  for (const ServerRecord& server : servers) {
+    LogLine(L"[CP] server_id=" + Utf8ToWide(server.id) + L" city=" + Utf8ToWide(server.city) +
+            L" public_egress_ip=" + Utf8ToWide(server.public_egress_ip));
   }
+  std::erase_if(servers, [](const ServerRecord& server) { return server.id.empty(); });
   LogLine(L"[CP] /v1/servers/locations parsed servers=" + std::to_wstring(servers.size()));
   return true;
 }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "controlplane/byte_search.h"
 #include "controlplane/text.h"
 
 namespace {
@@ -16,13 +17,9 @@ bool IsDigit(char byte) {
 }
 
 // The opening quote of the first occurrence of the key in quotes, at any depth: wanted, as callers count on
-// the first one winning. Looks for the bare key, which is rarer than a quote, and needs no pattern built.
+// the first one winning.
 size_t FindQuotedKey(std::string_view text, std::string_view key) {
-  for (size_t at = text.find(key, 1); at != kNone; at = text.find(key, at + 1)) {
-    const size_t behind = at + key.size();
-    if (text[at - 1] == '"' && behind < text.size() && text[behind] == '"') return at - 1;
-  }
-  return kNone;
+  return FindText(text, '"' + std::string(key) + '"');
 }
 
 // The first colon from the key on, wherever it stands; that it need not follow the key directly is wanted.
@@ -31,12 +28,16 @@ size_t FindColonOfKey(std::string_view text, std::string_view key) {
   return start == kNone ? kNone : text.find(':', start);
 }
 
-// What stands behind the key's colon and the white space after it; empty if there is no such key.
-std::string_view TextBehindColon(std::string_view text, std::string_view key, const char* whiteSpace) {
-  const size_t colon = FindColonOfKey(text, key);
+// What stands behind the colon, if there is one, and the white space after it.
+std::string_view TextBehind(std::string_view text, size_t colon, const char* whiteSpace) {
   if (colon == kNone) return {};
   const size_t first = text.find_first_not_of(whiteSpace, colon + 1);
   return first == kNone ? std::string_view() : text.substr(first);
+}
+
+// What stands behind the key's colon and the white space after it; empty if there is no such key.
+std::string_view TextBehindColon(std::string_view text, std::string_view key, const char* whiteSpace) {
+  return TextBehind(text, FindColonOfKey(text, key), whiteSpace);
 }
 
 // The bytes between the next two double quotes from `at` on, and in `at` the position behind them. A
@@ -62,6 +63,21 @@ char EscapedByte(char letter) {
       return '\t';
     default:
       return letter;
+  }
+}
+
+void AppendEscape(char byte, std::string& escaped) {
+  constexpr std::string_view kShortEscaped = "\b\t\n\f\r\"\\";
+  constexpr std::string_view kShortLetters = "btnfr\"\\";
+  constexpr char kHexDigits[] = "0123456789abcdef";
+  escaped += '\\';
+  const size_t shortForm = kShortEscaped.find(byte);
+  if (shortForm != kNone) {
+    escaped += kShortLetters[shortForm];
+  } else {
+    escaped += "u00";
+    escaped += kHexDigits[byte >> 4];
+    escaped += kHexDigits[byte & 15];
   }
 }
 
@@ -107,8 +123,13 @@ bool JsonGetInt64(std::string_view text, const char* key, int64_t& value) {
 
 bool JsonGetBool(std::string_view text, const char* key, uint8_t& value) {
   value = 0;
+  const size_t colon = FindColonOfKey(text, key);
+  return colon != kNone && JsonBoolBehind(text, colon, value);
+}
+
+bool JsonBoolBehind(std::string_view text, size_t colon, uint8_t& value) {
   // What follows the literal is not looked at: a longer word counts, which is wanted.
-  const std::string_view rest = TextBehindColon(text, key, kJsonWhiteSpace);
+  const std::string_view rest = TextBehind(text, colon, kJsonWhiteSpace);
   if (rest.starts_with("true")) {
     value = 1;
     return true;
@@ -143,29 +164,23 @@ bool JsonGetStringArray(std::string_view text, const char* key, std::vector<std:
   return true;
 }
 
-std::string JsonEscape(const std::string& text) {
-  constexpr std::string_view kShortEscaped = "\b\t\n\f\r\"\\";
-  constexpr std::string_view kShortLetters = "btnfr\"\\";
-  constexpr char kHexDigits[] = "0123456789abcdef";
+std::string JsonEscape(std::string_view text) {
   std::string escaped;
   escaped.reserve(text.size() + 8);
-  for (const char byte : text) {
-    const unsigned code = static_cast<unsigned char>(byte);
-    if (code >= 32 && byte != '"' && byte != '\\') {
-      escaped += byte;
-      continue;
-    }
-    escaped += '\\';
-    const size_t shortForm = kShortEscaped.find(byte);
-    if (shortForm != kNone) {
-      escaped += kShortLetters[shortForm];
-    } else {
-      escaped += "u00";
-      escaped += kHexDigits[code >> 4];
-      escaped += kHexDigits[code & 15];
-    }
-  }
+  AppendJsonEscaped(text, escaped);
   return escaped;
+}
+
+void AppendJsonEscaped(std::string_view text, std::string& escaped) {
+  size_t plain = 0;  // where what needs no escape begins
+  for (size_t at = 0; at < text.size(); ++at) {
+    const auto code = static_cast<unsigned char>(text[at]);
+    if (code >= 32 && code != '"' && code != '\\') continue;
+    escaped.append(text, plain, at - plain);
+    AppendEscape(text[at], escaped);
+    plain = at + 1;
+  }
+  escaped.append(text, plain);
 }
 
 std::string JsonMember(const char* key, const std::wstring& value) {

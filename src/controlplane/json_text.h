@@ -21,6 +21,9 @@ bool JsonGetInt64(std::string_view text, const char* key, int64_t& value);
 // 1 or 0; a longer word that begins with true or false counts.
 bool JsonGetBool(std::string_view text, const char* key, uint8_t& value);
 
+// The second half of JsonGetBool, for a colon that is known already.
+bool JsonBoolBehind(std::string_view text, size_t colon, uint8_t& value);
+
 // The key is persistent_keepalive. Sets the output to 0 before it looks.
 bool JsonGetPersistentKeepalive(std::string_view text, uint32_t& value);
 
@@ -29,7 +32,8 @@ bool JsonGetStringArray(std::string_view text, const char* key, std::vector<std:
 
 // Escapes the two quoting characters and everything below 32; bytes from 128 up go through. No quotes around
 // it.
-std::string JsonEscape(const std::string& text);
+std::string JsonEscape(std::string_view text);
+void AppendJsonEscaped(std::string_view text, std::string& escaped);
 
 // A member of a request's object: the key and the value, in UTF-8 and escaped, each in quotes.
 std::string JsonMember(const char* key, const std::wstring& value);

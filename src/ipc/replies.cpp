@@ -12,7 +12,7 @@ std::string Envelope(int32_t id, const std::string& result, const std::string& e
 
 }  // namespace
 
-std::string JsonQuote(const std::string& text) {
+std::string JsonQuote(std::string_view text) {
   return "\"" + JsonEscape(text) + "\"";
 }
 

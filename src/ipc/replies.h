@@ -3,9 +3,10 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 // A double quote, JsonEscape of the text, a double quote.
-std::string JsonQuote(const std::string& text);
+std::string JsonQuote(std::string_view text);
 
 // The bare word null for an empty text, else JsonQuote.
 std::string JsonQuoteOrNull(const std::string& text);

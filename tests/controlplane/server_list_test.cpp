@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "controlplane/json_text.h"
 
 namespace {
 
@@ -143,6 +146,83 @@ TEST(ExtractJsonNumberField, StaysWithinTheText) {
   double value = 99;
   EXPECT_TRUE(ExtractJsonNumberField(std::string_view(text).substr(0, 7), "n", value));
   EXPECT_EQ(value, 12.0);
+}
+
+// ---- Records ----
+
+// What the flat readers find in an object, one field after the other.
+ServerRecord ByFlatReaders(std::string_view object) {
+  ServerRecord server;
+  ReadServerFields(object, server);
+  uint8_t online = 0;
+  JsonGetBool(object, "online", online);
+  server.online = online != 0;
+  JsonGetString(object, "last_seen_at", server.last_seen_at);
+  return server;
+}
+
+std::string Told(const ServerRecord& server) {
+  std::ostringstream told;
+  told.precision(17);
+  told << server.id << '|' << server.name << '|' << server.country << '|' << server.city << '|'
+       << server.latitude << '|' << server.longitude << '|' << server.public_egress_ip << '|' << server.online
+       << '|' << server.last_seen_at;
+  return told.str();
+}
+
+const std::string kWhole =
+    R"({"server_id":"s-1","name":"Paris","country":"France","city":"Paris","latitude":48.8566,)"
+    R"("longitude":-2.3522,"public_egress_ip":"203.0.113.7","online":true,"last_seen_at":"2026-05-04T03:02:01Z"})";
+
+TEST(ReadServerRecords, ReadsEveryField) {
+  std::vector<ServerRecord> servers;
+  ASSERT_TRUE(ReadServerRecords(R"({"servers":[)" + kWhole + "," + kWhole + "]}", servers));
+  ASSERT_EQ(servers.size(), 2U);
+  EXPECT_EQ(Told(servers[1]),
+            "s-1|Paris|France|Paris|48.8566|-2.3521999999999998|203.0.113.7|1|2026-05-04T03:02:01Z");
+}
+
+TEST(ReadServerRecords, KeepsNothingOfAnArrayThatIsCutOff) {
+  std::vector<ServerRecord> servers(3);
+  EXPECT_FALSE(ReadServerRecords(R"({"servers":[)" + kWhole + ",", servers));
+  EXPECT_TRUE(servers.empty());
+}
+
+TEST(ReadServerRecords, FindsWhatTheFlatReadersFind) {
+  const std::string objects[] = {
+      "{}",
+      R"({"server_id":"a\"b","name":"c"})",                  // a value ends at an escaped quote
+      R"({"x":"server_id","server_id":"real","name":"n"})",  // a value that is a key
+      R"({"server_id":7,"name":"n"})",                       // no string: the next quoted text
+      R"({"inner":{"server_id":"in"},"server_id":"out"})",   // the first one, at any depth
+      R"({"server_id"   :   "spaced","latitude" : 1.5,"longitude":  2.5})",  // no blank before a number's
+                                                                             // colon
+      R"({"latitude":"48.8","longitude":-0.0001})",                          // a quoted number is none
+      R"({"latitude" : 1,"latitude":2,"longitude":1e5})",                    // the first one with its colon
+      R"({"latitude":123456789012345678,"longitude":0.1234567890123456})",   // too long for exact digits
+      R"({"latitude":1e400,"longitude":+.5})",                               // out of range, and odd ones
+      R"({"online": falsey,"last_seen_at":null,"city":"}{"})",               // braces in a string
+      R"({"online":true)"
+      "\n"
+      R"(,"name":"}\\","city":"\"{"})",  // escapes, and braces behind them
+      R"({"server_id":"cut)",            // no object: refused as a whole
+      R"({"name":"x","last_seen_at"})",  // a key without a colon
+      "{\"name\":\"" + std::string(500, 'n') + "\",\"city\":\"" + std::string(64, '{') + "\"}",
+      kWhole,
+  };
+  for (const std::string& object : objects) {
+    for (const std::string& behind : {std::string("]"), "," + kWhole + "]"}) {
+      const std::string body = R"({"servers":[)" + object + behind;
+      std::vector<std::string_view> views;
+      std::vector<ServerRecord> servers;
+      const bool whole = ExtractServersArrayObjects(body, views);
+      ASSERT_EQ(ReadServerRecords(body, servers), whole) << body;
+      if (!whole) continue;
+      ASSERT_EQ(servers.size(), views.size()) << body;
+      for (size_t i = 0; i < views.size(); ++i)
+        EXPECT_EQ(Told(servers[i]), Told(ByFlatReaders(views[i]))) << body;
+    }
+  }
 }
 
 }  // namespace

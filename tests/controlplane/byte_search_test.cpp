@@ -1,0 +1,66 @@
+#include "controlplane/byte_search.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+namespace {
+
+constexpr size_t kNone = std::string_view::npos;
+const std::string kKey = "\"expires_at\"";
+
+// Bytes that stand in the key, so that parts of it come up everywhere.
+std::string Rubbish(size_t size, std::mt19937& random) {
+  std::string text;
+  for (size_t i = 0; i < size; ++i) text += "\"expirs_at:"[random() % 11];
+  return text;
+}
+
+TEST(FindText, FindsThePatternWhereverItStands) {
+  // Longer than two steps of vectors, at every place and with every alignment of the text.
+  const std::string filling(700, 'x');
+  for (size_t at = 0; at <= filling.size(); ++at) {
+    const std::string text = filling.substr(0, at) + kKey + filling.substr(at);
+    const std::string_view shifted = std::string_view(text).substr(at % 37 < at ? at % 37 : 0);
+    ASSERT_EQ(FindText(shifted, kKey), shifted.find(kKey)) << at;
+  }
+}
+
+TEST(FindText, GivesTheFirstOfSeveral) {
+  const std::string filling(300, '"');
+  const std::string text = filling + kKey + filling + kKey;
+  EXPECT_EQ(FindText(text, kKey), 300U);
+  EXPECT_EQ(FindText(std::string_view(text).substr(301), kKey), 311U);
+}
+
+TEST(FindText, DoesNotLookBehindTheEnd) {
+  const std::string text = std::string(1000, ' ') + kKey;
+  for (size_t size = 0; size <= text.size(); ++size) {
+    const std::string_view cut = std::string_view(text).substr(0, size);
+    ASSERT_EQ(FindText(cut, kKey), size == text.size() ? 1000U : kNone) << size;
+  }
+}
+
+TEST(FindText, AgreesWithThePortableSearchAndTheLibrarys) {
+  std::mt19937 random(1);
+  for (int round = 0; round < 2000; ++round) {
+    const std::string text = Rubbish(random() % 1500, random);
+    const std::string pattern = Rubbish(2 + random() % 4, random);
+    const size_t expected = std::string_view(text).find(pattern);
+    ASSERT_EQ(FindText(text, pattern), expected) << pattern << " in " << text;
+    ASSERT_EQ(FindTextPortably(text, pattern), expected) << pattern << " in " << text;
+  }
+}
+
+TEST(Marks, HasABitForEachPlaceOfTheByte) {
+  std::string text(ByteBlock::kSize, '.');
+  EXPECT_EQ(Marks(LoadBlock(text.data()), '{'), 0U);
+  for (const size_t at : {0U, 15U, 16U, 31U, 47U, 63U}) text[at] = '{';
+  text[1] = '\xFB';
+  EXPECT_EQ(Marks(LoadBlock(text.data()), '{'),
+            1ULL | 1ULL << 15 | 1ULL << 16 | 1ULL << 31 | 1ULL << 47 | 1ULL << 63);
+  EXPECT_EQ(Marks(LoadBlock(text.data()), '\xFB'), 2U);
+}
+
+}  // namespace
