@@ -64,11 +64,86 @@ void SealPolicyText(const std::wstring& text) {
   WriteNewFile(kRuntimePolicyFile, blob, kShareAll, false);
 }
 
+bool IsBlank(wchar_t unit) {
+  return unit == L' ' || unit == L'\t' || unit == L'\r' || unit == L'\n';
+}
+
 std::wstring_view TrimLine(std::wstring_view line) {
-  constexpr wchar_t kBlanks[] = L" \t\r\n";
-  const size_t first = line.find_first_not_of(kBlanks);
-  if (first == std::wstring_view::npos) return {};
-  return line.substr(first, line.find_last_not_of(kBlanks) - first + 1);
+  while (!line.empty() && IsBlank(line.front())) line.remove_prefix(1);
+  while (!line.empty() && IsBlank(line.back())) line.remove_suffix(1);
+  return line;
+}
+
+constexpr size_t kOrdered = 8;             // code units in one number
+constexpr uint64_t kHighestOrdered = 255;  // stands for all that is not below it
+
+// An entry of the text, and its first sixteen code units, a byte each, as two numbers that stand in the same
+// order, up to the first that does not fit; 0 where there is none. Only where both are equal need the entries
+// themselves be compared.
+struct Entry {
+  uint64_t first;
+  uint64_t second;
+  const wchar_t* text;
+  uint32_t length;
+  bool told;  // the two numbers tell the whole text, which need not be fetched then
+
+  std::wstring_view View() const { return {text, length}; }
+};
+
+// `narrow` is cleared at a code unit that does not fit: what stands behind it is not in the order any more.
+uint64_t OrderOf(std::wstring_view units, bool& narrow) {
+  uint64_t order = 0;
+  for (size_t i = 0; i < kOrdered; ++i) {
+    const uint64_t unit = narrow && i < units.size() ? static_cast<uint16_t>(units[i]) : 0;
+    narrow = narrow && unit < kHighestOrdered;
+    order = order << 8 | std::min(unit, kHighestOrdered);
+  }
+  return order;
+}
+
+Entry MakeEntry(std::wstring_view text) {
+  bool narrow = true;
+  const uint64_t first = OrderOf(text, narrow);
+  const uint64_t second = OrderOf(text.substr(std::min(text.size(), kOrdered)), narrow);
+  const bool told = narrow && text.size() <= 2 * kOrdered;
+  return {first, second, text.data(), static_cast<uint32_t>(text.size()), told};
+}
+
+bool AreTold(const Entry& left, const Entry& right) {
+  return left.told && right.told;
+}
+
+bool StandsBefore(const Entry& left, const Entry& right) {
+  if (left.first != right.first) return left.first < right.first;
+  if (left.second != right.second) return left.second < right.second;
+  // Alike but for zeros at the end.
+  if (AreTold(left, right)) return left.length < right.length;
+  return left.View() < right.View();
+}
+
+bool IsSame(const Entry& left, const Entry& right) {
+  if (left.first != right.first || left.second != right.second || left.length != right.length) return false;
+  return AreTold(left, right) || left.View() == right.View();
+}
+
+std::wstring TextOf(const Entry& entry) {
+  if (!entry.told) return std::wstring(entry.View());
+  std::wstring text(entry.length, L'\0');
+  for (size_t i = 0; i < text.size(); ++i) {
+    const uint64_t order = i < kOrdered ? entry.first : entry.second;
+    text[i] = static_cast<wchar_t>(order >> 8 * (kOrdered - 1 - i % kOrdered) & 0xFF);
+  }
+  return text;
+}
+
+// Ascending by UTF-16 code unit, each text once.
+AddressList SortedOnce(std::vector<Entry>& entries) {
+  std::sort(entries.begin(), entries.end(), &StandsBefore);
+  entries.erase(std::unique(entries.begin(), entries.end(), &IsSame), entries.end());
+  AddressList texts;
+  texts.reserve(entries.size());
+  for (const Entry& entry : entries) texts.push_back(TextOf(entry));
+  return texts;
 }
 
 }  // namespace
@@ -89,8 +164,9 @@ bool LoadRuntimePolicy(RuntimePolicy& policy, std::wstring& source) {
 }
 
 RuntimePolicy ParseRuntimePolicyText(const std::wstring& text) {
-  RuntimePolicy policy;
-  AddressList* section = nullptr;
+  std::vector<Entry> domains;
+  std::vector<Entry> ips;
+  std::vector<Entry>* section = nullptr;
   std::wstring_view rest = text;
   while (!rest.empty()) {
     const size_t end = std::min(rest.find(L'\n'), rest.size());
@@ -98,15 +174,13 @@ RuntimePolicy ParseRuntimePolicyText(const std::wstring& text) {
     rest.remove_prefix(std::min(end + 1, rest.size()));
     if (line.empty() || line.front() == L'#') continue;
     if (EqualsIgnoringCase(line, L"[domains]")) {
-      section = &policy.domains;
+      section = &domains;
     } else if (EqualsIgnoringCase(line, L"[ips]")) {
-      section = &policy.ips;
+      section = &ips;
     } else if (section != nullptr) {
       // Wanted: any other bracketed text is an entry like all others.
-      section->emplace_back(line);
+      section->push_back(MakeEntry(line));
     }
   }
-  SortAndRemoveDuplicates(policy.domains);
-  SortAndRemoveDuplicates(policy.ips);
-  return policy;
+  return {SortedOnce(domains), SortedOnce(ips)};
 }

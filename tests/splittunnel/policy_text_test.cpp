@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -88,6 +90,24 @@ TEST(ParseRuntimePolicyText, SortsByCodeUnitAndDropsExactDuplicates) {
 TEST(ParseRuntimePolicyText, KeepsAByteOrderMarkAndSoLosesTheFirstHeader) {
   sim::Machine machine;
   ExpectPolicy(L"\xFEFF[domains]\nlost.example\n[ips]\n1.2.3.4", {}, {L"1.2.3.4"});
+}
+
+TEST(ParseRuntimePolicyText, SortsAnyTextsAsTheirCodeUnitsStand) {
+  // Units below, at and above what is compared at once, and lengths around it.
+  const wchar_t units[] = {L'\0', L'a', L'b', L'\xFE', L'\xFF', L'\x100', L'\xD83D', L'\xFFFF'};
+  std::mt19937 random(1);
+  std::vector<std::wstring> expected;
+  std::wstring text = L"[ips]\n";
+  for (int entry = 0; entry < 3000; ++entry) {
+    std::wstring line(random() % 3 * 8, L'a');
+    for (size_t more = 1 + random() % 3; more > 0; --more) line += units[random() % std::size(units)];
+    line += L'z';  // no blank at the end
+    expected.push_back(line);
+    text += line + L"\n";
+  }
+  std::sort(expected.begin(), expected.end());
+  expected.erase(std::unique(expected.begin(), expected.end()), expected.end());
+  EXPECT_EQ(ParseRuntimePolicyText(text).ips, expected);
 }
 
 }  // namespace
