@@ -8,6 +8,7 @@
 #include "controlplane/auth.h"
 #include "controlplane/base_url.h"
 #include "controlplane/catalogue.h"
+#include "controlplane/json_text.h"
 #include "controlplane/text.h"
 #include "engine/operations.h"
 #include "engine/tunnel_state.h"
@@ -183,14 +184,16 @@ std::string BuildStatusJson() {
 }
 
 std::string BuildRecentLogsJson(int32_t limit) {
-  std::string log;
+  FileBytes log;
   // Wanted: the empty text, which makes the reply no valid JSON.
   if (!ReadWholeFile(GetLogFilePath(), log)) return std::string();
   std::string json = "[";
   const auto count = static_cast<size_t>(std::clamp(limit, kFewestLogLines, kMostLogLines));
-  for (const std::string_view line : LastLines(log, count)) {
-    if (json.size() > 1) json += ',';
-    json += "{\"ts\":\"\",\"level\":\"INFO\",\"msg\":" + JsonQuote(std::string(line)) + "}";
+  for (const std::string_view line : LastLines(log.Text(), count)) {
+    json += json.size() > 1 ? "," : "";
+    json += R"({"ts":"","level":"INFO","msg":")";
+    AppendJsonEscaped(line, json);
+    json += R"("})";
   }
   return json + "]";
 }

@@ -1,6 +1,7 @@
 #include "service/data_files.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "controlplane/text.h"
 #include "service/platform.h"
@@ -25,21 +26,27 @@ platform::Handle OpenForReading(const std::wstring& path) {
                                platform::kFileAttributeNormal);
 }
 
-void ReadToEnd(platform::Handle file, std::string& bytes) {
+// Makes room for `capacity` bytes and keeps those that are there.
+void Grow(FileBytes& bytes, size_t capacity) {
+  auto larger = std::make_unique_for_overwrite<char[]>(capacity);
+  std::copy_n(bytes.data.get(), bytes.size, larger.get());
+  bytes.data = std::move(larger);
+}
+
+void ReadToEnd(platform::Handle file, FileBytes& bytes) {
   int64_t size = 0;
   platform::GetFileSizeEx(file, size);  // a hint: the file may grow meanwhile
   const size_t expected = static_cast<size_t>(size);
-  size_t used = 0;
   for (bool more = true; more;) {
     // A byte more than there should be: when that is left over, the end was reached.
-    bytes.resize(std::max({kLeastRoom, expected + 1, used * 2}));
-    const auto room = static_cast<uint32_t>(std::min<size_t>(bytes.size() - used, kLargestRead));
+    const size_t capacity = std::max({kLeastRoom, expected + 1, bytes.size * 2});
+    Grow(bytes, capacity);
+    const auto room = static_cast<uint32_t>(std::min<size_t>(capacity - bytes.size, kLargestRead));
     uint32_t read = 0;
-    more = platform::ReadFile(file, bytes.data() + used, room, read) && read > 0;
-    used += read;
-    more = more && (read == room || used < expected);
+    more = platform::ReadFile(file, bytes.data.get() + bytes.size, room, read) && read > 0;
+    bytes.size += read;
+    more = more && (read == room || bytes.size < expected);
   }
-  bytes.resize(used);
 }
 
 }  // namespace
@@ -143,13 +150,20 @@ bool ReadTextFileTrimmed(const std::wstring& path, std::wstring& text) {
   return !text.empty();
 }
 
-bool ReadWholeFile(const std::wstring& path, std::string& bytes) {
-  bytes.clear();
+bool ReadWholeFile(const std::wstring& path, FileBytes& bytes) {
+  bytes = FileBytes{};
   platform::Handle file = OpenForReading(path);
   if (file == platform::InvalidHandle()) return false;
   ReadToEnd(file, bytes);
   platform::CloseHandle(file);
   return true;
+}
+
+bool ReadWholeFile(const std::wstring& path, std::string& bytes) {
+  FileBytes read;
+  const bool opened = ReadWholeFile(path, read);
+  bytes = read.Text();
+  return opened;
 }
 
 bool ProtectToFile(const std::wstring& path, const std::string& bytes) {

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "service/paths.h"
 
@@ -36,7 +38,19 @@ bool WriteTextFile(const std::wstring& path, const std::wstring& text);
 // counts as nothing.
 bool ReadTextFileTrimmed(const std::wstring& path, std::wstring& text);
 
-// Reads the file as it stands; an empty file is a success.
+// What was read of a file, in memory that was not filled with anything before.
+struct FileBytes {
+  std::unique_ptr<char[]> data;
+  size_t size = 0;
+
+  std::string_view Text() const {
+    return {data.get(), size};
+  }
+};
+
+// Reads the file as it stands; an empty file is a success. The first form is for files that may be large: no
+// byte is touched twice.
+bool ReadWholeFile(const std::wstring& path, FileBytes& bytes);
 bool ReadWholeFile(const std::wstring& path, std::string& bytes);
 
 // Seals `bytes` for this machine (CryptProtectData, no entropy) and overwrites the file with the blob, in
