@@ -1,0 +1,89 @@
+"""P4: the view of the log, beside reading the file once into memory."""
+
+import collections
+import os
+import pathlib
+import subprocess
+
+import figures
+
+TITLE = "the view of the log"
+RUN_UNDER_WINE = pathlib.Path(__file__).resolve().parents[1] / "windows" / "run_under_wine.sh"
+LIMITS = (200, 2000)
+SIZES = (10_000, 100_000, 1_000_000, 10_000_000, 100_000_000)  # bytes
+SHORT_SIZES = SIZES[:2]
+LINE = "[2026-05-04 03:02:01] WFP: split-bypass allowlist update OK, line {number}\r\n"
+REPETITIONS = {size: 41 if size < 10_000_000 else 11 for size in SIZES}
+
+EXPLANATION = """\
+Measured under Wine with the product's own library and platform layer: opening the log, reading it, and making
+the text of the reply. Beside it the same program opens the file and reads it into memory of its size, in
+turn. The peak is that of the working set of a process that makes one view."""
+
+
+def measure(run):
+    sizes = SHORT_SIZES if run.short else SIZES
+    times, peaks = {}, {}
+    for size in sizes:
+        write_log(run, size)
+        for limit in LIMITS:
+            times[size, limit] = time_view(run, size, limit)
+            peaks[size, limit] = int(under_wine(run, "peak", str(limit)))
+    rows = []
+    for size in (sizes[-1], sizes[0]):
+        for limit in LIMITS:
+            view, read = times[size, limit]
+            rows.append(figures.Figure(f"limit {limit}, log of {size:,} bytes", view * 1e3, "ms", 1.3,
+                                       "reading it once", read * 1e3))
+    for limit in LIMITS:
+        rows.append(figures.Figure(f"peak memory, limit {limit}, log of {sizes[-1]:,} bytes",
+                                   peaks[sizes[-1], limit] / 1e6, "MB", 1.1, "the file", sizes[-1] / 1e6))
+    picture = figures.Picture("log-view", "The view of the log, by the size of the log",
+                              lambda drawing: draw(drawing, times))
+    return figures.Measurement(rows, [picture], [EXPLANATION])
+
+
+def folder(run):
+    return run.folder / "sorvanik-vpn"
+
+
+def write_log(run, size):
+    folder(run).mkdir(exist_ok=True)
+    with open(folder(run) / "vpnservice.log", "w", encoding="ascii", newline="") as log:
+        written = number = 0
+        while written < size:
+            line = LINE.format(number=number)
+            written += log.write(line)
+            number += 1
+
+
+def under_wine(run, *words):
+    command = [RUN_UNDER_WINE, run.windows / "bench" / "log_view_bench.exe",
+               "Z:" + str(run.folder).replace("/", "\\"), *words]
+    done = subprocess.run(command, env=dict(os.environ, WINEPREFIX=str(run.folder / "prefix")),
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                          text=True, timeout=300, check=False)
+    figures.require(done.returncode == 0, f"log_view_bench ended with {done.returncode}")
+    return done.stdout
+
+
+def time_view(run, size, limit):
+    """The medians of the view and of the reading, in seconds."""
+    samples = collections.defaultdict(list)
+    for line in under_wine(run, "time", str(limit), str(run.repetitions(REPETITIONS[size]))).splitlines():
+        name, nanoseconds = line.split()
+        samples[name].append(int(nanoseconds) / 1e9)
+    medians = figures.medians(samples)
+    return medians["view"], medians["read"]
+
+
+def draw(drawing, times):
+    axes = drawing.subplots()
+    sizes = sorted({size for size, _ in times})
+    for limit in LIMITS:
+        axes.plot(sizes, [times[size, limit][0] * 1e3 for size in sizes], marker="o",
+                  label=f"view, limit {limit}")
+    axes.plot(sizes, [times[size, LIMITS[0]][1] * 1e3 for size in sizes], marker="o", color="black",
+              linestyle="--", label="reading the file once")
+    axes.set(xscale="log", yscale="log", xlabel="bytes of the log", ylabel="milliseconds")
+    axes.legend()

@@ -1,0 +1,4 @@
+// The native benchmarks; the options are Google Benchmark's.
+#include <benchmark/benchmark.h>
+
+BENCHMARK_MAIN();
