@@ -1,7 +1,7 @@
 // The view of the log on the real platform layer, beside reading the file once into memory.
 //
 //     log_view_bench FOLDER time LIMIT REPETITIONS   nanoseconds, a line each: "view N" and "read N", in turn
-//     log_view_bench FOLDER peak LIMIT               bytes by which one view raised the peak of the working set
+//     log_view_bench FOLDER peak LIMIT               bytes by which one view raised the peak working set
 //
 // FOLDER stands for %ProgramData%; the log must be there.
 #include <windows.h>
