@@ -2,9 +2,8 @@
 
     python3 lab/requirements.py [--tests] [--proofs] [--bench]     installs what is missing
 
---tests adds what the tests need, --proofs what the fuzz targets need beside these, --bench what the benchmarks and
-the drawings need. The coverage is counted
-with gcov, which comes with g++.
+--tests adds what the tests need, --proofs what the fuzz targets need beside these, --bench what the benchmarks
+and the drawings need. The coverage is counted with gcov, which comes with g++.
 
 Everything is looked for where it would be used, so that a program that came another way counts as well.
 """
