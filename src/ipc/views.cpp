@@ -187,15 +187,23 @@ std::string BuildRecentLogsJson(int32_t limit) {
   FileBytes log;
   // Wanted: the empty text, which makes the reply no valid JSON.
   if (!ReadWholeFile(GetLogFilePath(), log)) return std::string();
-  std::string json = "[";
+  constexpr std::string_view kOpening = R"({"ts":"","level":"INFO","msg":")";
+  constexpr std::string_view kClosing = R"("})";
   const auto count = static_cast<size_t>(std::clamp(limit, kFewestLogLines, kMostLogLines));
-  for (const std::string_view line : LastLines(log.Text(), count)) {
-    json += json.size() > 1 ? "," : "";
-    json += R"({"ts":"","level":"INFO","msg":")";
+  const std::vector<std::string_view> lines = LastLines(log.Text(), count);
+  size_t size = 2;  // without escapes
+  for (const std::string_view line : lines) size += kOpening.size() + line.size() + kClosing.size() + 1;
+  std::string json;
+  json.reserve(size);
+  json += '[';
+  for (const std::string_view line : lines) {
+    if (json.size() > 1) json += ',';
+    json += kOpening;
     AppendJsonEscaped(line, json);
-    json += R"("})";
+    json += kClosing;
   }
-  return json + "]";
+  json += ']';
+  return json;
 }
 
 std::string BuildLocationsJson() {

@@ -43,9 +43,7 @@ struct FileBytes {
   std::unique_ptr<char[]> data;
   size_t size = 0;
 
-  std::string_view Text() const {
-    return {data.get(), size};
-  }
+  std::string_view Text() const { return {data.get(), size}; }
 };
 
 // Reads the file as it stands; an empty file is a success. The first form is for files that may be large: no

@@ -1,6 +1,9 @@
 #include "service/log.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "controlplane/text.h"
 #include "service/platform.h"
@@ -12,16 +15,26 @@ constexpr wchar_t kLogFolder[] = L"\\sorvanik-vpn";
 constexpr uint32_t kEnvironmentBuffer = 260;  // wide characters, the terminator included
 constexpr uint32_t kNeutralLanguage = 1024;   // neutral language, default sub-language
 
-std::wstring Padded(uint32_t number, size_t digits) {
-  std::wstring text = std::to_wstring(number);
-  return text.size() < digits ? std::wstring(digits - text.size(), L'0') + text : text;
+// Appends the number in decimal, with zeros in front up to so many digits.
+void AppendPadded(uint32_t number, size_t digits, std::string& text) {
+  const std::string decimal = std::to_string(number);
+  if (decimal.size() < digits) text.append(digits - decimal.size(), '0');
+  text += decimal;
 }
 
 // "[YYYY-MM-DD HH:MM:SS] " in local time. The main writer does not pad the year, the firewall's does.
-std::wstring TimeStamp(size_t yearDigits) {
+std::string TimeStamp(size_t yearDigits) {
   const platform::SystemTime now = platform::GetLocalTime();
-  return L"[" + Padded(now.year, yearDigits) + L"-" + Padded(now.month, 2) + L"-" + Padded(now.day, 2) +
-         L" " + Padded(now.hour, 2) + L":" + Padded(now.minute, 2) + L":" + Padded(now.second, 2) + L"] ";
+  const std::pair<uint32_t, char> parts[] = {
+      {now.month, '-'}, {now.day, ' '}, {now.hour, ':'}, {now.minute, ':'}, {now.second, ']'}};
+  std::string stamp = "[";
+  AppendPadded(now.year, yearDigits, stamp);
+  stamp += '-';
+  for (const auto& [number, behind] : parts) {
+    AppendPadded(number, 2, stamp);
+    stamp += behind;
+  }
+  return stamp + ' ';
 }
 
 // One append by a handle of its own: no lock is needed, and a log that was moved away is simply made again.
@@ -32,6 +45,10 @@ void AppendToLog(std::string_view bytes, uint32_t share) {
   uint32_t written = 0;
   platform::WriteFile(file, bytes.data(), static_cast<uint32_t>(bytes.size()), written);
   platform::CloseHandle(file);
+}
+
+bool HasNoByte(wchar_t unit) {
+  return unit > 0xFF;
 }
 
 // The system's message for `code`, without the trailing characters `dropped`, or `missing`.
@@ -49,19 +66,23 @@ std::wstring GetLogFilePath() {
   wchar_t value[kEnvironmentBuffer];
   const uint32_t length = platform::GetEnvironmentVariableW(L"ProgramData", value, kEnvironmentBuffer);
   if (length == 0 || length >= kEnvironmentBuffer) return kLogFileName;
-  const std::wstring folder = std::wstring(value, length) + kLogFolder;
-  platform::CreateDirectoryW(folder);
-  return folder + L"\\" + kLogFileName;
+  std::wstring path;
+  path.reserve(length + std::size(kLogFolder) + std::size(kLogFileName));
+  path.append(value, length).append(kLogFolder);
+  platform::CreateDirectoryW(path);
+  return path.append(L"\\").append(kLogFileName);
 }
 
 void LogLine(const std::wstring& text) {
-  std::string bytes;
-  for (const wchar_t unit : TimeStamp(1) + text + L"\n") {
-    // Wanted: a character without a one-byte form takes the rest of the line and its end with it.
-    if (unit > 0xFF) break;
-    if (unit == L'\n') bytes += '\r';
-    bytes += static_cast<char>(unit);
+  std::string bytes = TimeStamp(1);
+  bytes.reserve(bytes.size() + text.size() + 2);
+  // Wanted: a character without a one-byte form takes the rest of the line and its end with it.
+  const auto cut = std::find_if(text.begin(), text.end(), HasNoByte);
+  for (auto unit = text.begin(); unit != cut; ++unit) {
+    if (*unit == L'\n') bytes += '\r';
+    bytes += static_cast<char>(*unit);
   }
+  if (cut == text.end()) bytes += "\r\n";
   AppendToLog(bytes, platform::kFileShareRead | platform::kFileShareWrite);
 }
 
@@ -70,7 +91,8 @@ void LogLineUnlessEmpty(const wchar_t* label, const std::wstring& text) {
 }
 
 void WfpLogLine(const std::wstring& text) {
-  const std::string bytes = WideToUtf8(TimeStamp(4) + text + L"\r\n");
+  const std::string stamp = TimeStamp(4);
+  const std::string bytes = WideToUtf8(std::wstring(stamp.begin(), stamp.end()) + text + L"\r\n");
   if (bytes.empty()) return;
   AppendToLog(bytes, platform::kFileShareRead | platform::kFileShareWrite | platform::kFileShareDelete);
 }

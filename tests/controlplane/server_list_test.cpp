@@ -172,7 +172,8 @@ std::string Told(const ServerRecord& server) {
 
 const std::string kWhole =
     R"({"server_id":"s-1","name":"Paris","country":"France","city":"Paris","latitude":48.8566,)"
-    R"("longitude":-2.3522,"public_egress_ip":"203.0.113.7","online":true,"last_seen_at":"2026-05-04T03:02:01Z"})";
+    R"("longitude":-2.3522,"public_egress_ip":"203.0.113.7","online":true,)"
+    R"("last_seen_at":"2026-05-04T03:02:01Z"})";
 
 TEST(ReadServerRecords, ReadsEveryField) {
   std::vector<ServerRecord> servers;
