@@ -184,7 +184,7 @@ std::string BuildStatusJson() {
 }
 
 std::string BuildRecentLogsJson(int32_t limit) {
-  FileBytes log;
+  FileContent log;
   // Wanted: the empty text, which makes the reply no valid JSON.
   if (!ReadWholeFile(GetLogFilePath(), log)) return std::string();
   constexpr std::string_view kOpening = R"({"ts":"","level":"INFO","msg":")";

@@ -27,13 +27,13 @@ platform::Handle OpenForReading(const std::wstring& path) {
 }
 
 // Makes room for `capacity` bytes and keeps those that are there.
-void Grow(FileBytes& bytes, size_t capacity) {
+void Grow(FileContent& bytes, size_t capacity) {
   auto larger = std::make_unique_for_overwrite<char[]>(capacity);
   std::copy_n(bytes.data.get(), bytes.size, larger.get());
   bytes.data = std::move(larger);
 }
 
-void ReadToEnd(platform::Handle file, FileBytes& bytes) {
+void ReadToEnd(platform::Handle file, FileContent& bytes) {
   int64_t size = 0;
   platform::GetFileSizeEx(file, size);  // a hint: the file may grow meanwhile
   const size_t expected = static_cast<size_t>(size);
@@ -150,8 +150,8 @@ bool ReadTextFileTrimmed(const std::wstring& path, std::wstring& text) {
   return !text.empty();
 }
 
-bool ReadWholeFile(const std::wstring& path, FileBytes& bytes) {
-  bytes = FileBytes{};
+bool ReadWholeFile(const std::wstring& path, FileContent& bytes) {
+  bytes = FileContent{};
   platform::Handle file = OpenForReading(path);
   if (file == platform::InvalidHandle()) return false;
   ReadToEnd(file, bytes);
@@ -160,7 +160,7 @@ bool ReadWholeFile(const std::wstring& path, FileBytes& bytes) {
 }
 
 bool ReadWholeFile(const std::wstring& path, std::string& bytes) {
-  FileBytes read;
+  FileContent read;
   const bool opened = ReadWholeFile(path, read);
   bytes = read.Text();
   return opened;

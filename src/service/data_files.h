@@ -39,7 +39,7 @@ bool WriteTextFile(const std::wstring& path, const std::wstring& text);
 bool ReadTextFileTrimmed(const std::wstring& path, std::wstring& text);
 
 // What was read of a file, in memory that was not filled with anything before.
-struct FileBytes {
+struct FileContent {
   std::unique_ptr<char[]> data;
   size_t size = 0;
 
@@ -48,7 +48,7 @@ struct FileBytes {
 
 // Reads the file as it stands; an empty file is a success. The first form is for files that may be large: no
 // byte is touched twice.
-bool ReadWholeFile(const std::wstring& path, FileBytes& bytes);
+bool ReadWholeFile(const std::wstring& path, FileContent& bytes);
 bool ReadWholeFile(const std::wstring& path, std::string& bytes);
 
 // Seals `bytes` for this machine (CryptProtectData, no entropy) and overwrites the file with the blob, in
