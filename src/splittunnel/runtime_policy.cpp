@@ -64,8 +64,9 @@ void SealPolicyText(const std::wstring& text) {
   WriteNewFile(kRuntimePolicyFile, blob, kShareAll, false);
 }
 
+// In a line, which holds no line feed.
 bool IsBlank(wchar_t unit) {
-  return unit == L' ' || unit == L'\t' || unit == L'\r' || unit == L'\n';
+  return unit == L' ' || unit == L'\t' || unit == L'\r';
 }
 
 std::wstring_view TrimLine(std::wstring_view line) {

@@ -116,6 +116,10 @@ TEST(ExtractJsonNumberField, ReadsNoExponentButRefusesANumberOutOfRange) {
   EXPECT_EQ(value, 1.0);
   EXPECT_TRUE(ExtractJsonNumberField(R"({"n":-2E3})", "n", value));
   EXPECT_EQ(value, -2.0);
+  for (const char* text : {R"({"n":7e+5})", R"({"n":7E-5})", R"({"n":7:})", R"({"n":7/})"}) {
+    EXPECT_TRUE(ExtractJsonNumberField(text, "n", value)) << text;
+    EXPECT_EQ(value, 7.0) << text;
+  }
   value = 99;
   EXPECT_FALSE(ExtractJsonNumberField(R"({"n":1e400})", "n", value));
   EXPECT_FALSE(ExtractJsonNumberField(R"({"n":-1e400})", "n", value));
@@ -209,6 +213,7 @@ TEST(ReadServerRecords, FindsWhatTheFlatReadersFind) {
       R"({"server_id":"cut)",            // no object: refused as a whole
       R"({"name":"x","last_seen_at"})",  // a key without a colon
       "{\"name\":\"" + std::string(500, 'n') + "\",\"city\":\"" + std::string(64, '{') + "\"}",
+      R"({"public_egress_at":"x","public_egress_ip":"y","longituda":1,"nama":"z"})",
       kWhole,
   };
   for (const std::string& object : objects) {

@@ -96,8 +96,10 @@ TEST(ParseRuntimePolicyText, SortsAnyTextsAsTheirCodeUnitsStand) {
   // Units below, at and above what is compared at once, and lengths around it.
   const wchar_t units[] = {L'\0', L'a', L'b', L'\xFE', L'\xFF', L'\x100', L'\xD83D', L'\xFFFF'};
   std::mt19937 random(1);
-  std::vector<std::wstring> expected;
+  std::vector<std::wstring> expected = {std::wstring(15, L'a'), std::wstring(16, L'a'),
+                                        std::wstring(17, L'a')};
   std::wstring text = L"[ips]\n";
+  for (const std::wstring& line : {expected[1], expected[2], expected[0], expected[1]}) text += line + L"\n";
   for (int entry = 0; entry < 3000; ++entry) {
     std::wstring line(random() % 3 * 8, L'a');
     for (size_t more = 1 + random() % 3; more > 0; --more) line += units[random() % std::size(units)];
