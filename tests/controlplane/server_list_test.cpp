@@ -213,6 +213,9 @@ TEST(ReadServerRecords, FindsWhatTheFlatReadersFind) {
       R"({"server_id":"cut)",            // no object: refused as a whole
       R"({"name":"x","last_seen_at"})",  // a key without a colon
       "{\"name\":\"" + std::string(500, 'n') + "\",\"city\":\"" + std::string(64, '{') + "\"}",
+      R"({"cxxxxxxxxxxx":"like city, but longer","city":"c"})",
+      R"({"name":7})",
+      R"({"x":"name","y":7})",
       R"({"public_egress_at":"x","public_egress_ip":"y","longituda":1,"nama":"z"})",
       kWhole,
   };
