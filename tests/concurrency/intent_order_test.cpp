@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int kMostRounds = 100000;
+constexpr int kMostRounds = 1000000;
 constexpr auto kLongest = std::chrono::seconds(3);
 
 struct Change {
