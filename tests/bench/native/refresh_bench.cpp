@@ -40,7 +40,7 @@ std::wstring Policy(const std::vector<std::wstring>& addresses) {
   return text;
 }
 
-// A machine whose gateway is known, and that keeps no trace.
+// A machine whose gateway is known.
 std::unique_ptr<sim::Machine> FreshMachine() {
   auto machine = std::make_unique<sim::Machine>();
   gDefaultGatewayV4 = kGateway;
