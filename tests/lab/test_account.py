@@ -1,6 +1,7 @@
 """The account methods against a control plane that does its duty: every result, byte for byte."""
 
 import base64
+import contextlib
 import re
 import threading
 
@@ -141,7 +142,8 @@ def test_a_login_saves_its_session_once_more_and_says_so_when_it_cannot(lab):
         while private_key.stat().st_ino == known:
             pass
         session.unlink()
-        session.mkdir()
+        with contextlib.suppress(FileExistsError):
+            session.mkdir()
 
     def log_in_with_a_folder_in_between():
         taking = threading.Thread(target=take_the_sessions_place, args=[private_key.stat().st_ino])
@@ -150,12 +152,13 @@ def test_a_login_saves_its_session_once_more_and_says_so_when_it_cannot(lab):
             return ask(lab, "POST /ui/login", email=laboratories.EMAIL, password=laboratories.PASSWORD)
         finally:
             taking.join()
-            session.rmdir()
+            if session.is_dir():
+                session.rmdir()
 
     assert lab.log_in()["ok"] is True
     failed = result('{"ok":false,"auth_state":"AUTH_REQUIRED","message":"save session failed"}')
-    # The folder can come too late on a busy machine.
-    assert failed in (log_in_with_a_folder_in_between() for _ in range(5))
+    # On a busy machine the folder can come too late, when the session has been saved again.
+    assert failed in (log_in_with_a_folder_in_between() for _ in range(20))
     assert lab.log_in()["ok"] is True
 
 
