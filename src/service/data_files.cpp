@@ -10,7 +10,7 @@ namespace {
 
 constexpr int64_t kLongestTextFile = int64_t{10} * 1024 * 1024;  // bytes
 constexpr uint32_t kLargestRead = 1u << 30;                      // bytes of one ReadFile
-constexpr size_t kLeastRoom = 4096;                              // bytes
+constexpr size_t kFirstRoom = 16384;                             // bytes
 
 // EXPLICIT_ACCESS_W values (accctrl.h).
 constexpr uint32_t kModifyRights = 0x001301BF;  // read, write, execute and delete
@@ -33,20 +33,25 @@ void Grow(FileContent& bytes, size_t capacity) {
   bytes.data = std::move(larger);
 }
 
-void ReadToEnd(platform::Handle file, FileContent& bytes) {
+// Only a file that fills its first room, which hardly any does, is asked for its size.
+size_t NextCapacity(platform::Handle file, size_t capacity) {
   int64_t size = 0;
   platform::GetFileSizeEx(file, size);  // a hint: the file may grow meanwhile
-  const size_t expected = static_cast<size_t>(size);
-  for (bool more = true; more;) {
-    // A byte more than there should be: when that is left over, the end was reached.
-    const size_t capacity = std::max({kLeastRoom, expected + 1, bytes.size * 2});
-    Grow(bytes, capacity);
+  return std::max(static_cast<size_t>(size) + 1, capacity * 2);
+}
+
+void ReadToEnd(platform::Handle file, FileContent& bytes) {
+  size_t capacity = 0;
+  uint32_t read = 0;
+  do {
+    if (bytes.size == capacity) {
+      capacity = capacity == 0 ? kFirstRoom : NextCapacity(file, capacity);
+      Grow(bytes, capacity);
+    }
     const auto room = static_cast<uint32_t>(std::min<size_t>(capacity - bytes.size, kLargestRead));
-    uint32_t read = 0;
-    more = platform::ReadFile(file, bytes.data.get() + bytes.size, room, read) && read > 0;
+    if (!platform::ReadFile(file, bytes.data.get() + bytes.size, room, read)) return;
     bytes.size += read;
-    more = more && (read == room || bytes.size < expected);
-  }
+  } while (read > 0);
 }
 
 }  // namespace

@@ -46,8 +46,8 @@ struct FileContent {
   std::string_view Text() const { return {data.get(), size}; }
 };
 
-// Reads the file as it stands; an empty file is a success. The first form is for files that may be large: no
-// byte is touched twice.
+// Reads the file as it stands; an empty file is a success. The first form is for files that may be large: it
+// copies no more than their beginning.
 bool ReadWholeFile(const std::wstring& path, FileContent& bytes);
 bool ReadWholeFile(const std::wstring& path, std::string& bytes);
 

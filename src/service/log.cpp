@@ -1,7 +1,9 @@
 #include "service/log.h"
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
+#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -13,28 +15,42 @@ namespace {
 constexpr wchar_t kLogFileName[] = L"vpnservice.log";
 constexpr wchar_t kLogFolder[] = L"\\sorvanik-vpn";
 constexpr uint32_t kEnvironmentBuffer = 260;  // wide characters, the terminator included
-constexpr uint32_t kNeutralLanguage = 1024;   // neutral language, default sub-language
+constexpr size_t kStampSize = sizeof("[2026-05-04 03:02:01] ") - 1;
+constexpr uint32_t kNeutralLanguage = 1024;  // neutral language, default sub-language
 
 // Appends the number in decimal, with zeros in front up to so many digits.
 void AppendPadded(uint32_t number, size_t digits, std::string& text) {
-  const std::string decimal = std::to_string(number);
-  if (decimal.size() < digits) text.append(digits - decimal.size(), '0');
-  text += decimal;
+  char decimal[std::numeric_limits<uint32_t>::digits10 + 1];
+  const auto count = static_cast<size_t>(std::to_chars(decimal, std::end(decimal), number).ptr - decimal);
+  if (count < digits) text.append(digits - count, '0');
+  text.append(decimal, count);
 }
 
 // "[YYYY-MM-DD HH:MM:SS] " in local time. The main writer does not pad the year, the firewall's does.
-std::string TimeStamp(size_t yearDigits) {
+void AppendTimeStamp(size_t yearDigits, std::string& text) {
   const platform::SystemTime now = platform::GetLocalTime();
   const std::pair<uint32_t, char> parts[] = {
       {now.month, '-'}, {now.day, ' '}, {now.hour, ':'}, {now.minute, ':'}, {now.second, ']'}};
-  std::string stamp = "[";
-  AppendPadded(now.year, yearDigits, stamp);
-  stamp += '-';
+  text += '[';
+  AppendPadded(now.year, yearDigits, text);
+  text += '-';
   for (const auto& [number, behind] : parts) {
-    AppendPadded(number, 2, stamp);
-    stamp += behind;
+    AppendPadded(number, 2, text);
+    text += behind;
   }
-  return stamp + ' ';
+  text += ' ';
+}
+
+// Each code unit becomes a byte; a carriage return is put before each line feed.
+void AppendNarrow(std::wstring_view units, std::string& text) {
+  const size_t before = text.size();
+  text.resize(before + 2 * units.size());
+  char* to = text.data() + before;
+  for (const wchar_t unit : units) {
+    if (unit == L'\n') *to++ = '\r';
+    *to++ = static_cast<char>(unit);
+  }
+  text.resize(static_cast<size_t>(to - text.data()));
 }
 
 // One append by a handle of its own: no lock is needed, and a log that was moved away is simply made again.
@@ -74,14 +90,12 @@ std::wstring GetLogFilePath() {
 }
 
 void LogLine(const std::wstring& text) {
-  std::string bytes = TimeStamp(1);
-  bytes.reserve(bytes.size() + text.size() + 2);
+  std::string bytes;
+  bytes.reserve(kStampSize + 2 * text.size() + 2);
+  AppendTimeStamp(1, bytes);
   // Wanted: a character without a one-byte form takes the rest of the line and its end with it.
   const auto cut = std::find_if(text.begin(), text.end(), HasNoByte);
-  for (auto unit = text.begin(); unit != cut; ++unit) {
-    if (*unit == L'\n') bytes += '\r';
-    bytes += static_cast<char>(*unit);
-  }
+  AppendNarrow({text.begin(), cut}, bytes);
   if (cut == text.end()) bytes += "\r\n";
   AppendToLog(bytes, platform::kFileShareRead | platform::kFileShareWrite);
 }
@@ -91,7 +105,8 @@ void LogLineUnlessEmpty(const wchar_t* label, const std::wstring& text) {
 }
 
 void WfpLogLine(const std::wstring& text) {
-  const std::string stamp = TimeStamp(4);
+  std::string stamp;
+  AppendTimeStamp(4, stamp);
   const std::string bytes = WideToUtf8(std::wstring(stamp.begin(), stamp.end()) + text + L"\r\n");
   if (bytes.empty()) return;
   AppendToLog(bytes, platform::kFileShareRead | platform::kFileShareWrite | platform::kFileShareDelete);

@@ -17,6 +17,8 @@ inline bool EqualsIgnoringCase(std::wstring_view left, std::wstring_view right) 
 
 // Ascending by UTF-16 code unit, so that 10.0.0.1 stands before 9.0.0.1; exact duplicates go.
 inline void SortAndRemoveDuplicates(std::vector<std::wstring>& texts) {
+  const auto isOutOfPlace = [](const std::wstring& text, const std::wstring& next) { return next <= text; };
+  if (std::adjacent_find(texts.begin(), texts.end(), isOutOfPlace) == texts.end()) return;
   std::sort(texts.begin(), texts.end());
   texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
 }
