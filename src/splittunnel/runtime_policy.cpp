@@ -1,7 +1,11 @@
 #include "splittunnel/runtime_policy.h"
 
 #include <algorithm>
+#include <array>
+#include <numeric>
+#include <span>
 #include <string_view>
+#include <utility>
 
 #include "service/data_files.h"
 #include "service/scope_guard.h"
@@ -11,6 +15,8 @@
 namespace {
 
 constexpr uint32_t kModulePathCapacity = 260;
+constexpr std::wstring_view kDomainsHeading = L"[domains]";
+constexpr std::wstring_view kIpsHeading = L"[ips]";
 constexpr uint32_t kShareAll = platform::kFileShareRead | platform::kFileShareWrite;
 
 // False if the file cannot be opened or not read to its end; an empty file is a success.
@@ -114,33 +120,63 @@ bool AreTold(const Entry& left, const Entry& right) {
   return left.told && right.told;
 }
 
-bool StandsBefore(const Entry& left, const Entry& right) {
-  if (left.first != right.first) return left.first < right.first;
-  if (left.second != right.second) return left.second < right.second;
-  // Alike but for zeros at the end.
-  if (AreTold(left, right)) return left.length < right.length;
-  return left.View() < right.View();
+// Alike in both numbers, at most but for zeros at the end.
+bool StandsBeforeAlike(const Entry& left, const Entry& right) {
+  return AreTold(left, right) ? left.length < right.length : left.View() < right.View();
 }
 
-bool IsSame(const Entry& left, const Entry& right) {
+// Objects, not functions: their calls become part of the sorting.
+constexpr auto kStandsBefore = [](const Entry& left, const Entry& right) {
+  if (left.first != right.first) return left.first < right.first;
+  if (left.second != right.second) return left.second < right.second;
+  return StandsBeforeAlike(left, right);
+};
+
+constexpr auto kIsSame = [](const Entry& left, const Entry& right) {
   if (left.first != right.first || left.second != right.second || left.length != right.length) return false;
   return AreTold(left, right) || left.View() == right.View();
+};
+
+size_t ByteAt(const Entry& entry, size_t place) {
+  const uint64_t order = place < kOrdered ? entry.first : entry.second;
+  return static_cast<size_t>(order >> 8 * (kOrdered - 1 - place % kOrdered) & 0xFF);
 }
 
 std::wstring TextOf(const Entry& entry) {
   if (!entry.told) return std::wstring(entry.View());
   std::wstring text(entry.length, L'\0');
   for (size_t i = 0; i < text.size(); ++i) {
-    const uint64_t order = i < kOrdered ? entry.first : entry.second;
-    text[i] = static_cast<wchar_t>(order >> 8 * (kOrdered - 1 - i % kOrdered) & 0xFF);
+    text[i] = static_cast<wchar_t>(ByteAt(entry, i));
   }
   return text;
 }
 
+// Sorts entries whose first `place` bytes are the same. Many are grouped by their next byte first, in place
+// (an American flag sort); only few are compared with one another.
+void SortFrom(size_t place, std::span<Entry> entries) {
+  constexpr size_t kFew = 64;
+  if (entries.size() <= kFew || place == 2 * kOrdered) {
+    std::sort(entries.begin(), entries.end(), kStandsBefore);
+    return;
+  }
+  std::array<size_t, 257> begins{};  // of the entries with a byte, by the byte, and the end of all
+  for (const Entry& entry : entries) ++begins[ByteAt(entry, place) + 1];
+  std::partial_sum(begins.begin(), begins.end(), begins.begin());
+  std::array<size_t, 257> next = begins;
+  for (size_t byte = 0; byte < 256; ++byte) {
+    while (next[byte] < begins[byte + 1]) {
+      Entry& entry = entries[next[byte]];
+      const size_t to = next[ByteAt(entry, place)]++;
+      std::swap(entry, entries[to]);
+    }
+    SortFrom(place + 1, entries.subspan(begins[byte], begins[byte + 1] - begins[byte]));
+  }
+}
+
 // Ascending by UTF-16 code unit, each text once.
 AddressList SortedOnce(std::vector<Entry>& entries) {
-  std::sort(entries.begin(), entries.end(), &StandsBefore);
-  entries.erase(std::unique(entries.begin(), entries.end(), &IsSame), entries.end());
+  SortFrom(0, entries);
+  entries.erase(std::unique(entries.begin(), entries.end(), kIsSame), entries.end());
   AddressList texts;
   texts.reserve(entries.size());
   for (const Entry& entry : entries) texts.push_back(TextOf(entry));
@@ -174,9 +210,9 @@ RuntimePolicy ParseRuntimePolicyText(const std::wstring& text) {
     const std::wstring_view line = TrimLine(rest.substr(0, end));
     rest.remove_prefix(std::min(end + 1, rest.size()));
     if (line.empty() || line.front() == L'#') continue;
-    if (EqualsIgnoringCase(line, L"[domains]")) {
+    if (EqualsIgnoringCase(line, kDomainsHeading)) {
       section = &domains;
-    } else if (EqualsIgnoringCase(line, L"[ips]")) {
+    } else if (EqualsIgnoringCase(line, kIpsHeading)) {
       section = &ips;
     } else if (section != nullptr) {
       // Wanted: any other bracketed text is an entry like all others.
