@@ -68,7 +68,7 @@ class Laboratory:
         network.create(self.number, self.folder, certificates.make(self.folder, network.CONTROL_PLANE_HOST))
         self.tell("starting WireGuard on the servers, the control plane and the web site")
         self._start_servers()
-        self._start_agent()
+        self.start_agent()
         self.tell("taking a Windows from the template (making it first takes a quarter of a minute)")
         prefix.copy(prefix.template(self.build / "lab" / "cache"), self.folder / "prefix")
         seed = f"[domains]\n{network.SITE_HOST}\n[ips]\n{network.CONTROL_PLANE.address}\n"
@@ -128,7 +128,7 @@ class Laboratory:
                    log="control-plane.log", cwd=HERE.parent)
         self._awaited(lambda: Keeper(self.folder / "keeper.socket").wait(), "control-plane.log")
 
-    def _start_agent(self):
+    def start_agent(self):
         agent = str(HERE / "agent" / "agent.py")
         self.spawn(network.CLIENT.name, [*PYTHON, agent], log="agent.log")
 

@@ -1,13 +1,13 @@
-// Clients of two pipes in turn, each of which does what a desktop program does: opens, writes a line, reads
-// to its end, closes. One that finds the pipe busy waits for it and tries again.
+// Clients of several pipes in turn, each of which does what a desktop program does: opens, writes a line,
+// reads to its end, closes. One that finds the pipe busy waits for it and tries again.
 //
-//   pipe_load FIRST SECOND CLIENTS TRIPS BLOCKS
+//   pipe_load CLIENTS TRIPS BLOCKS PIPE...
 //
 // Takes the request line from standard input. BLOCKS times it lets so many clients at once make so many round
-// trips each on both pipes, one after the other and each time in the other order. Prints
+// trips each on all pipes, one after the other and each time beginning with the next. Prints
 //
-//   reply <pipe 0 or 1> <shortest> <longest> <bytes of the last reply>     once for each pipe, at the end
-//   <pipe 0 or 1> <nanoseconds>                                            for each round trip
+//   reply <number of the pipe> <shortest> <longest> <bytes of the last reply>   for each pipe, at the end
+//   <number of the pipe> <nanoseconds>                                          for each round trip
 //
 // and ends with 1 and a line on standard error if a trip failed.
 #include <windows.h>
@@ -26,7 +26,6 @@ namespace {
 
 constexpr DWORD kBusyWait = 5000;                // milliseconds
 constexpr std::chrono::seconds kOpenWithin(10);  // from the first try on
-constexpr size_t kPipes = 2;
 
 struct Seen {
   std::vector<int64_t> nanoseconds;
@@ -37,7 +36,7 @@ struct Seen {
 };
 
 struct Load {
-  std::wstring pipes[kPipes];
+  std::vector<std::wstring> pipes;
   std::string request;
   size_t clients = 0;
   size_t trips = 0;
@@ -126,20 +125,24 @@ size_t Number(const wchar_t* text) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  if (count != 6) return 2;
-  Load load{
-      {arguments[1], arguments[2]}, {}, Number(arguments[3]), Number(arguments[4]), Number(arguments[5])};
+  if (count < 5) return 2;
+  Load load{{arguments + 4, arguments + count},
+            {},
+            Number(arguments[1]),
+            Number(arguments[2]),
+            Number(arguments[3])};
   std::getline(std::cin, load.request);
   load.request += '\n';
-  std::vector<Seen> seen[kPipes];
+  const size_t pipes = load.pipes.size();
+  std::vector<std::vector<Seen>> seen(pipes);
   for (std::vector<Seen>& clients : seen) clients.resize(load.clients);
   for (size_t block = 0; block < load.blocks; ++block) {
-    for (size_t turn = 0; turn < kPipes; ++turn) {
-      const size_t pipe = (block + turn) % kPipes;
+    for (size_t turn = 0; turn < pipes; ++turn) {
+      const size_t pipe = (block + turn) % pipes;
       RunBlock(load, load.pipes[pipe], seen[pipe]);
     }
   }
   bool good = true;
-  for (size_t pipe = 0; pipe < kPipes; ++pipe) good = Print(pipe, seen[pipe]) && good;
+  for (size_t pipe = 0; pipe < pipes; ++pipe) good = Print(pipe, seen[pipe]) && good;
   return good ? 0 : 1;
 }
