@@ -34,11 +34,13 @@ WORKS = {
     "P5": policy, "P6": refresh, "P7": footprint, "P8": simulator,
 }
 
+LAST = "P7"  # its connects take most of the time
+
 
 def measure(run, names):
     """The measurements by name, and the names of those that failed."""
     measured, failed = {}, []
-    for name in names:
+    for name in sorted(names, key=LAST.__eq__):
         begin = time.monotonic()
         run.tell(f"{name}: {WORKS[name].TITLE}")
         try:
@@ -47,7 +49,7 @@ def measure(run, names):
             run.tell(f"{name} FAILED: {type(failure).__name__}: {failure}")
             failed.append(name)
         run.tell(f"{name} took {time.monotonic() - begin:.0f} s")
-    return measured, failed
+    return {name: measured[name] for name in names if name in measured}, failed
 
 
 def main():
@@ -66,7 +68,10 @@ def main():
                           folder=pathlib.Path(folder), short=chosen.short,
                           tell=lambda text: print(text, flush=True))
         measured, failed = measure(run, names)
-    print(report.table(measured))
+    if not chosen.short:
+        print(report.table(measured))
+    elif not failed:
+        print(f"{', '.join(measured)}: all ran and gave the right answers")
     if not chosen.short and not chosen.works and not failed:
         report.write(measured, WORKS, ROOT / "docs")
     return 1 if failed else 0

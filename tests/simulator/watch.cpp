@@ -378,7 +378,7 @@ void OnCommit(const sim::TraceEntry& call) {
 
 using CallNote = void (*)(const sim::TraceEntry&);
 // By the hash of the operation's name, which every call has anyway.
-const std::unordered_map<size_t, CallNote>& CallNotes() {
+const std::unordered_map<uint64_t, CallNote>& CallNotes() {
   static constexpr std::pair<const char*, CallNote> kNotes[] = {
       {"CreateFileW", &OnCreateFile},
       {"MoveFileExW", &OnMoveFile},
@@ -397,21 +397,17 @@ const std::unordered_map<size_t, CallNote>& CallNotes() {
       {"FwpmTransactionCommit0", &OnCommit},
   };
   static const auto kByHash = [] {
-    std::unordered_map<size_t, CallNote> notes;
-    for (const auto& [name, note] : kNotes) notes.emplace(std::hash<std::string>()(name), note);
+    std::unordered_map<uint64_t, CallNote> notes;
+    for (const auto& [name, note] : kNotes) notes.emplace(MixText(0, name), note);
     return notes;
   }();
   return kByHash;
 }
 
 // `operation`: the hash of its name.
-void HashCall(const sim::TraceEntry& call, size_t operation) {
-  const std::hash<std::string> hash;
-  uint64_t& all = gFacts.traceHash;
-  all = Mix(all, call.time * 64 + call.thread);
-  all = Mix(all, operation);
-  all = Mix(all, hash(call.arguments));
-  all = Mix(all, hash(call.result));
+void HashCall(const sim::TraceEntry& call, uint64_t operation) {
+  const uint64_t head = Mix(gFacts.traceHash, (call.time * 64 + call.thread) ^ operation);
+  gFacts.traceHash = MixText(MixText(head, call.arguments), call.result);
 }
 
 void TellFault(const sim::TraceEntry& call) {
@@ -423,7 +419,7 @@ void TellFault(const sim::TraceEntry& call) {
 void OnReturned(const sim::TraceEntry& call) {
   ++gFacts.calls;
   TellFault(call);
-  const size_t operation = std::hash<std::string>()(call.operation);
+  const uint64_t operation = MixText(0, call.operation);
   HashCall(call, operation);
   const auto note = CallNotes().find(operation);
   if (note != CallNotes().end()) note->second(call);
