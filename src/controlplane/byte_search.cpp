@@ -1,6 +1,7 @@
 #include "controlplane/byte_search.h"
 
-#include <algorithm>
+#include <cstring>
+#include <utility>
 
 #if defined(__GNUC__) && defined(__x86_64__)
 #define TELVOR_AVX2

@@ -5,7 +5,7 @@
 #include <bit>
 #include <cerrno>
 #include <cstdlib>
-#include <optional>
+#include <span>
 
 #include "controlplane/byte_search.h"
 #include "controlplane/json_text.h"
@@ -207,7 +207,7 @@ bool NumberBehind(std::string_view text, size_t colon, double& value) {
 
 // One of the two members, or, without either, ServerRecord::online.
 struct Field {
-  std::string_view key;
+  std::string_view key;  // a literal: a terminator follows
   std::string ServerRecord::*text;
   double ServerRecord::*number;  // its key counts only with the colon right behind it
 };
@@ -223,6 +223,8 @@ constexpr Field kFields[] = {
     {"online", nullptr, nullptr},
     {"last_seen_at", &ServerRecord::last_seen_at, nullptr},
 };
+constexpr size_t kProfileFields = 7;  // the first ones: a tunnel profile has them too
+
 // What a quoted text must share with a key before the two are compared: its length and its first byte.
 constexpr size_t kLikenesses = 256;
 constexpr size_t Likeness(size_t length, char first) {
@@ -332,11 +334,11 @@ bool ReadServerRecords(std::string_view body, std::vector<ServerRecord>& servers
 }
 
 void ReadServerFields(std::string_view text, ServerRecord& server) {
-  JsonGetString(text, "server_id", server.id);
-  JsonGetString(text, "name", server.name);
-  JsonGetString(text, "country", server.country);
-  JsonGetString(text, "city", server.city);
-  JsonGetString(text, "public_egress_ip", server.public_egress_ip);
-  ExtractJsonNumberField(text, "latitude", server.latitude);
-  ExtractJsonNumberField(text, "longitude", server.longitude);
+  for (const Field& field : std::span(kFields).first<kProfileFields>()) {
+    if (field.text) {
+      JsonGetString(text, field.key.data(), server.*field.text);
+    } else {
+      ExtractJsonNumberField(text, field.key.data(), server.*field.number);
+    }
+  }
 }

@@ -13,7 +13,7 @@ LIMITS = (200, 2000)
 SIZES = (10_000, 100_000, 1_000_000, 10_000_000, 100_000_000)  # bytes
 SHORT_SIZES = SIZES[:2]
 LINE = "[2026-05-04 03:02:01] WFP: split-bypass allowlist update OK, line {number}\r\n"
-REPETITIONS = {size: 41 if size < 10_000_000 else 11 for size in SIZES}
+REPETITIONS = {size: max(11, 10_000_000 // size) for size in SIZES}
 
 EXPLANATION = """\
 Measured under Wine with the product's own library and platform layer: opening the log, reading it, and making

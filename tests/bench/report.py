@@ -65,7 +65,11 @@ def write(measured, works, docs):
         for picture in measurement.pictures:
             save(picture, docs / "performance")
             parts.append(f"![{picture.caption}](performance/{picture.name}.svg)\n\n*{picture.caption}*")
-    page = docs / "performance.md"
+    put_between(docs / "performance.md", BEGIN, END, parts)
+
+
+def put_between(page, begin, end, paragraphs):
+    """Replaces what stands between two marks of a page."""
     text = page.read_text(encoding="utf-8")
-    begin, end = text.index(BEGIN) + len(BEGIN), text.index(END)
-    page.write_text(text[:begin] + "\n\n" + "\n\n".join(parts) + "\n\n" + text[end:], encoding="utf-8")
+    before, after = text.index(begin) + len(begin), text.index(end)
+    page.write_text("\n\n".join([text[:before], *paragraphs, text[after:]]), encoding="utf-8")
