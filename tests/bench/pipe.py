@@ -42,8 +42,7 @@ its passes starts the uninstaller, and a start of a program under Wine holds Win
 the long tail of both.
 
 `GetState` reads two files each time, `GET /ui/status` one, and has it unsealed. An echo server that makes the
-bare calls for that, and nothing else, is the least that a service can take:
-"""
+bare calls for that, and nothing else, is the least that a service can take:"""
 
 # Lists of milliseconds; `least` is empty for a method without files.
 Trips = collections.namedtuple("Trips", "service echo least")
@@ -67,7 +66,7 @@ def measure(run):
     explanation = EXPLANATION.format(alone=len(measured[WORKS[0], LOADS[0]].service),
                                      together=len(measured[WORKS[0], LOADS[1]].service))
     return figures.Measurement(figures=rows, pictures=[_picture(measured, load) for load in LOADS],
-                               text=[explanation + _least_table(measured)])
+                               text=[explanation, _least_table(measured)])
 
 
 def _round_trips(laboratory, work, load, blocks, length):
