@@ -196,7 +196,7 @@ def _answers(laboratory):
 
 
 WORKS = (
-    Work("refresh", "refresh, 1 of {:,} addresses changed", 10000, 1, 21, _begin_refresh, _end_refresh),
-    Work("routes", "first install of {:,} routes", 1000, 0, 5, _begin_nothing, _end_routes),
-    Work("permits", "permits for {:,} addresses", 10000, 0, 5, _begin_nothing, _end_permits),
+    Work("refresh", "refresh, 1 of {:,} addresses changed", 10000, 1, 41, _begin_refresh, _end_refresh),
+    Work("routes", "first install of {:,} routes", 200, 0, 61, _begin_nothing, _end_routes),
+    Work("permits", "permits for {:,} addresses", 10000, 0, 15, _begin_nothing, _end_permits),
 )

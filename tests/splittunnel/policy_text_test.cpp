@@ -92,24 +92,30 @@ TEST(ParseRuntimePolicyText, KeepsAByteOrderMarkAndSoLosesTheFirstHeader) {
   ExpectPolicy(L"\xFEFF[domains]\nlost.example\n[ips]\n1.2.3.4", {}, {L"1.2.3.4"});
 }
 
-TEST(ParseRuntimePolicyText, SortsAnyTextsAsTheirCodeUnitsStand) {
-  // Units below, at and above what is compared at once, and lengths around it.
-  const wchar_t units[] = {L'\0', L'a', L'b', L'\xFE', L'\xFF', L'\x100', L'\xD83D', L'\xFFFF'};
+// Lines of every length up to 24 that begin alike and go on with one of these units.
+std::vector<std::wstring> ManyLines(const std::wstring& units) {
   std::mt19937 random(1);
-  std::vector<std::wstring> expected = {std::wstring(15, L'a'), std::wstring(16, L'a'),
-                                        std::wstring(17, L'a')};
-  std::wstring text = L"[ips]\n";
-  for (const std::wstring& line : {expected[1], expected[2], expected[0], expected[1]}) text += line + L"\n";
-  for (int entry = 0; entry < 3000; ++entry) {
-    std::wstring line(random() % 3 * 8, L'a');
-    for (size_t more = 1 + random() % 3; more > 0; --more) line += units[random() % std::size(units)];
-    line += L'z';  // no blank at the end
-    expected.push_back(line);
-    text += line + L"\n";
+  std::vector<std::wstring> lines;
+  for (int number = 0; number < 5000; ++number) {
+    std::wstring line(random() % 21, units[random() % 2]);
+    for (size_t more = 1 + random() % 3; more > 0; --more) line += units[random() % units.size()];
+    lines.push_back(line + L'z');  // no blank at the end
   }
-  std::sort(expected.begin(), expected.end());
-  expected.erase(std::unique(expected.begin(), expected.end()), expected.end());
-  EXPECT_EQ(ParseRuntimePolicyText(text).ips, expected);
+  return lines;
+}
+
+TEST(ParseRuntimePolicyText, SortsAnyTextsAsTheirCodeUnitsStand) {
+  // Units that have a rank of their own in one of the sections, or in both, and their neighbours.
+  const std::wstring units = {L'a', L'1', L'\0', L'-', L'.', L'/',    L'0',     L'9',      L':',
+                              L'A', L'`', L'b',  L'z', L'{', L'\xFF', L'\x100', L'\xD83D', L'\xFFFF'};
+  std::vector<std::wstring> lines = ManyLines(units);
+  std::wstring text;
+  for (const std::wstring& line : lines) text += line + L"\n";
+  const RuntimePolicy policy = ParseRuntimePolicyText(L"[ips]\n" + text + L"[domains]\n" + text);
+  std::sort(lines.begin(), lines.end());
+  lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
+  EXPECT_EQ(policy.ips, lines);
+  EXPECT_EQ(policy.domains, lines);
 }
 
 }  // namespace
