@@ -81,6 +81,12 @@ function(telvor_monocypher_from_sources folder)
   target_include_directories(telvor_monocypher SYSTEM INTERFACE ${folder})
 endfunction()
 
+# For the bill of materials: what was taken, with the file that holds its licence.
+function(telvor_note_monocypher version origin sha256 licence)
+  file(CONFIGURE OUTPUT ${monocypherFolder}/origin.txt @ONLY
+       CONTENT "version @version@\norigin @origin@\nsha256 @sha256@\nlicence @licence@\n")
+endfunction()
+
 function(telvor_add_monocypher)
   find_path(TELVOR_MONOCYPHER_INCLUDE monocypher.h)
   find_library(TELVOR_MONOCYPHER_LIBRARY monocypher)
@@ -90,6 +96,8 @@ function(telvor_add_monocypher)
     add_library(telvor_monocypher INTERFACE)
     target_include_directories(telvor_monocypher SYSTEM INTERFACE ${TELVOR_MONOCYPHER_INCLUDE})
     target_link_libraries(telvor_monocypher INTERFACE ${TELVOR_MONOCYPHER_LIBRARY})
+    file(SHA256 ${TELVOR_MONOCYPHER_LIBRARY} hash)
+    telvor_note_monocypher(installed ${TELVOR_MONOCYPHER_LIBRARY} ${hash} ${TELVOR_MONOCYPHER_INCLUDE}/monocypher.h)
     return()
   endif()
 
@@ -98,6 +106,8 @@ function(telvor_add_monocypher)
     message(STATUS "Monocypher: the release archive ${monocypherArchive}")
     file(ARCHIVE_EXTRACT INPUT ${monocypherFolder}/${monocypherArchive} DESTINATION ${monocypherFolder})
     telvor_monocypher_from_sources(${monocypherFolder}/monocypher-4.0.3/src)
+    telvor_note_monocypher(4.0.3 ${monocypherArchiveUrl} ${monocypherArchiveSha256}
+                           ${monocypherFolder}/monocypher-4.0.3/LICENCE.md)
     return()
   endif()
 
@@ -106,6 +116,9 @@ function(telvor_add_monocypher)
     message(STATUS "Monocypher: version 2 of the npm package monocypher ${monocypherPackageVersion}")
     telvor_cut_package()
     telvor_monocypher_from_sources(${monocypherFolder}/version2)
+    telvor_note_monocypher("2 (npm package ${monocypherPackageVersion})"
+                           pkg:npm/monocypher@${monocypherPackageVersion} ${monocypherPackageSha256}
+                           ${monocypherFolder}/package/LICENCE.md)
     return()
   endif()
 

@@ -8,7 +8,9 @@ function(telvor_add_windows_program TELVOR_PROGRAM TELVOR_DESCRIPTION)
   set_target_properties(${TELVOR_PROGRAM} PROPERTIES
     LINKER_LANGUAGE CXX
     RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
-  target_link_options(${TELVOR_PROGRAM} PRIVATE -municode)
+  # The map names all that was linked in, for the bill of materials.
+  target_link_options(${TELVOR_PROGRAM} PRIVATE -municode
+    LINKER:-Map=${CMAKE_BINARY_DIR}/bin/${TELVOR_PROGRAM}.exe.map)
 
   # What is shipped holds no symbols; they lie beside it, tied to it by their check sum. objcopy stamps its
   # output with the time unless it is told another.

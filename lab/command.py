@@ -56,8 +56,9 @@ def build(teller):
     """Configures and builds what the laboratory needs, as a release."""
     from lab import prefix
 
-    products = [str(path.relative_to(BUILD)) for path in prefix.needed_executables(BUILD)]
-    watch(["cmake", "--preset", "windows"], teller)
+    products = [str(path.relative_to(BUILD)) for path in prefix.needed_files(BUILD)]
+    # The control plane is the laboratory's own, whichever was packaged for last.
+    watch(["cmake", "--preset", "windows", "-UTELVOR_CP_BASE_URL"], teller)
     watch(["cmake", "--build", "--preset", "windows", "--target", *products], teller)
     executable = BUILD / "bin" / "telvor.exe"
     teller.detail(f"{executable.relative_to(ROOT)}: {executable.stat().st_size} bytes")
@@ -121,7 +122,8 @@ def prepare(options, arguments, teller):
     if options.keep and claims.kept(BUILD):
         raise CannotRun("A laboratory was left up already. End it with ./run --down")
     with teller.step("what the build and the laboratory need is installed"):
-        requirements.install(requirements.BUILD, requirements.LABORATORY, tell=teller.detail)
+        requirements.install(requirements.BUILD, requirements.PACKAGE, requirements.LABORATORY,
+                             tell=teller.detail)
     with teller.step("telvor.exe and the stand-ins are built"):
         build(teller)
     become_root(arguments, f"--began={teller.began}")

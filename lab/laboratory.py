@@ -38,9 +38,10 @@ def kept(build):
 class Laboratory:
     """One laboratory: what it is made of, and the calls that drive it."""
 
-    def __init__(self, build, tell=lambda text: None):
+    def __init__(self, build, tell=lambda text: None, installs=True):
         self.build = pathlib.Path(build).resolve()
         self.tell = tell
+        self.installs = installs  # otherwise that is left to whoever uses it
         self.number = 0
         self.folder = None
         self.first_routes = []  # of the client, before anything of the product ran
@@ -72,9 +73,11 @@ class Laboratory:
         self.tell("taking a Windows from the template (making it first takes a quarter of a minute)")
         prefix.copy(prefix.template(self.build / "lab" / "cache"), self.folder / "prefix")
         seed = f"[domains]\n{network.SITE_HOST}\n[ips]\n{network.CONTROL_PLANE.address}\n"
-        prefix.lay_down(self.folder / "prefix", self.build, seed)
-        self.tell("booting it and registering the service")
+        prefix.lay_standins(self.folder / "prefix", self.build, seed)
+        self.tell("booting it and installing TELVOR by its MSI")
         windows.boot(self)
+        if self.installs:
+            windows.install(self, "STARTSERVICE=0")
         self._connect()
         self.first_routes = self.agent.routes()
 
@@ -198,7 +201,7 @@ def check_machine(build):
     for program in ("ip", "wg", "wireguard-go", "wine", "wineserver", "curl", "unshare"):
         if shutil.which(program) is None:
             missing.append(f"the program {program}")
-    missing += [f"the built file {path}" for path in prefix.needed_executables(pathlib.Path(build).resolve())
+    missing += [f"the built file {path}" for path in prefix.needed_files(pathlib.Path(build).resolve())
                 if not path.exists()]
     if missing:
         raise CannotRun("Missing:\n" + "\n".join(f"  - {item}" for item in missing))

@@ -1,4 +1,4 @@
-"""The Windows of one laboratory: a Wine prefix, with what an installer would have laid down in it.
+"""The Windows of one laboratory: a Wine prefix, with all that TELVOR needs to be installed and run in it.
 
 A prefix takes a quarter of a minute to make, so one is kept as a template and copied. Its system folder is
 only linked: nothing writes there, and it is nine tenths of the whole.
@@ -9,6 +9,7 @@ import fcntl
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -25,7 +26,7 @@ LOG_FILE = "ProgramData/sorvanik-vpn/vpnservice.log"
 SERVER_NOTE, SERVER_FOLDER = "wineserver", "wine-server"
 EXECUTABLE = r"C:\Program Files\TELVOR\telvor.exe"
 TELVORCTL = r"C:\Program Files\TELVOR\telvorctl.exe"
-PROGRAMS = ("telvor.exe", "telvorctl.exe")
+WIREGUARD_PROGRAMS = ("wireguard.exe", "wg.exe")
 # Replaced by stand-ins for the service alone: every other program keeps Wine's own.
 REPLACED_LIBRARIES = ("fwpuclnt", "iphlpapi")
 # Key, value, kind, data. Wine makes a service's ProgramData from the public user's folder: with that folder
@@ -125,28 +126,37 @@ def copy(source, target):
         shutil.copytree(source, target, symlinks=True)
 
 
-def lay_down(prefix, build, seed):
-    """The files of an installation: the product as it was built, its policy, the stand-ins."""
+def lay_standins(prefix, build, seed):
+    """What is there before TELVOR is installed: WireGuard, the stand-ins for what of Windows Wine lacks, which
+    must lie beside the executable, and the administrator's policy."""
     drive = pathlib.Path(prefix) / "drive_c"
     standins = build / "lab"
     program, wireguard = drive / PROGRAM_FOLDER, drive / WIREGUARD_FOLDER
-    for folder in (program / "data", wireguard, drive / STAGE_FOLDER):
+    for folder in (program / "data", wireguard):
         folder.mkdir(parents=True)
-    for name in PROGRAMS:
-        shutil.copy(build / "bin" / name, program)
     for library in REPLACED_LIBRARIES:
         shutil.copy(standins / f"{library}.dll", program)
     shutil.copy(drive / "windows/system32/iphlpapi.dll", program / "iphlpapi_wine.dll")
-    for name in ("wireguard.exe", "wg.exe"):
+    for name in WIREGUARD_PROGRAMS:
         shutil.copy(standins / name, wireguard)
     (program / "data" / "runtime.seed").write_text(seed, encoding="utf-8")
 
 
-def needed_executables(build):
-    """The built files that lay_down, the pipe driver and the counter of handles need."""
+def installer(build):
+    """The MSI of the build, as it is before it is signed."""
+    return build / "package" / "unsigned" / f"telvor-{version()}.msi"
+
+
+def version():
+    text = (pathlib.Path(__file__).resolve().parent.parent / "CMakeLists.txt").read_text(encoding="utf-8")
+    return re.search(r"^project\(telvor VERSION ([0-9.]+)", text, re.MULTILINE).group(1)
+
+
+def needed_files(build):
+    """The built files that stand-ins, installation, pipe driver and the counter of handles need."""
     names = [f"{library}.dll" for library in REPLACED_LIBRARIES]
-    names += ["wireguard.exe", "wg.exe", "pipe_client.exe", "handle_count.exe"]
-    return [build / "bin" / name for name in PROGRAMS] + [build / "lab" / name for name in names]
+    names += [*WIREGUARD_PROGRAMS, "pipe_client.exe", "handle_count.exe"]
+    return [installer(build)] + [build / "lab" / name for name in names]
 
 
 def remove(prefix):

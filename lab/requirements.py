@@ -1,4 +1,4 @@
-"""The Debian packages that the build, the laboratory and the tests need, and how to have them installed.
+"""The Debian packages that build, installer, laboratory and tests need, and how to have them installed.
 
     python3 lab/requirements.py [--tests] [--proofs] [--bench]     installs what is missing
 
@@ -39,6 +39,13 @@ LABORATORY = {
     "python3-aiohttp": ":aiohttp",
     "python3-argon2": ":argon2",
     "python3-cryptography": ":cryptography",
+}
+PACKAGE = {
+    "wixl": "wixl",
+    "msitools": "msibuild",
+    "osslsigncode": "osslsigncode",
+    "openssl": "openssl",
+    "git": "git",
 }
 TESTS = {
     "g++": "g++",
@@ -109,7 +116,7 @@ def main():
     try:
         options = {"--tests": TESTS, "--proofs": PROOFS, "--bench": BENCH}
         chosen = [packages for option, packages in options.items() if option in sys.argv[1:]]
-        install(BUILD, LABORATORY, *chosen)
+        install(BUILD, PACKAGE, LABORATORY, *chosen)
     except NotInstalled as failure:
         sys.exit(str(failure))
 

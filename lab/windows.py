@@ -32,14 +32,29 @@ def environment(laboratory):
 
 
 def boot(laboratory):
-    """Starts the Windows and registers the service, as an installer would; the service is not started.
+    """Starts the Windows.
 
     The Wine server is told to stay: without that it ends the services when the last program has ended."""
     (laboratory.folder / "home").mkdir()
     prefix.make_server_folder(laboratory.folder / "prefix", laboratory.folder)
     laboratory.spawn(network.CLIENT.name, ["wineserver", "-p", "-f"], log="wineserver.log",
                      env=environment(laboratory))
-    run(laboratory, "sc", "create", prefix.SERVICE, "binPath=", f'"{prefix.EXECUTABLE}"', "start=", "demand")
+
+
+def install(laboratory, *properties, msi=None, check=True):
+    """Installs TELVOR as an administrator would, unattended; how that ended."""
+    package = on_windows(msi or prefix.installer(laboratory.build))
+    return msiexec(laboratory, "/i", package, *properties, check=check)
+
+
+def msiexec(laboratory, *words, check=True):
+    """Windows Installer at work, without a question."""
+    return run(laboratory, "msiexec", *words, "/qn", check=check, timeout=180)
+
+
+def on_windows(path):
+    """What a file of this machine is called on Windows."""
+    return "Z:" + str(path).replace("/", "\\")
 
 
 def shut_down(laboratory):

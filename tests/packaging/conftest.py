@@ -1,0 +1,42 @@
+"""The unsigned package of the build under test, made once."""
+
+import os
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "packaging"))
+
+import make_msi  # noqa: E402
+
+BUILD = pathlib.Path(os.environ.get("TELVOR_LAB_BUILD", ROOT / "build" / "windows"))
+
+
+@pytest.fixture(scope="session")
+def files(tmp_path_factory):
+    """The package's files as they are laid out."""
+    folder = tmp_path_factory.mktemp("package") / "files"
+    make_msi.lay_out(folder, BUILD)
+    return folder
+
+
+@pytest.fixture(scope="session")
+def msi(files):
+    made = files.parent / "telvor.msi"
+    make_msi.make(files, made)
+    return made
+
+
+@pytest.fixture(scope="session")
+def table(msi):
+    """Reads a table of the MSI: its rows, each a dictionary by column."""
+    def read(name):
+        done = subprocess.run(["msiinfo", "export", str(msi), name], check=True, stdout=subprocess.PIPE)
+        lines = done.stdout.decode("cp1252").split("\r\n")
+        columns, _, _, *rows = (line.split("\t") for line in lines if line)
+        return [dict(zip(columns, row)) for row in rows]
+
+    return read

@@ -1,0 +1,113 @@
+"""Signing: what is signed verifies, with its time stamp; what was changed afterwards does not."""
+
+import dataclasses
+import os
+import shutil
+import struct
+import subprocess
+import sys
+
+import pytest
+import sign
+import time_server
+from conftest import BUILD, ROOT
+
+PASSWORD = "a blank and 'quotes' too"
+
+
+@pytest.fixture(scope="module")
+def signer(tmp_path_factory):
+    return sign.trial_signer(tmp_path_factory.mktemp("certificate"))
+
+
+@pytest.fixture
+def program(tmp_path):
+    return shutil.copy(BUILD / "bin" / "telvorctl.exe", tmp_path / "telvorctl.exe")
+
+
+@pytest.fixture(scope="module")
+def pkcs12(signer, tmp_path_factory):
+    target = tmp_path_factory.mktemp("pkcs12") / "signer.p12"
+    subprocess.run(["openssl", "pkcs12", "-export", "-in", signer.certificate, "-inkey", signer.key, "-passout",
+                    f"pass:{PASSWORD}", "-out", target], check=True)
+    return target
+
+
+def run_sign(*words, **variables):
+    environment = {key: value for key, value in os.environ.items() if key != sign.PASSWORD_VARIABLE}
+    return subprocess.run([sys.executable, "-B", ROOT / "packaging" / "sign.py", *words],
+                          env={**environment, **variables}, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True)
+
+
+def test_executable_and_msi_verify_once_signed(signer, program, msi, tmp_path):
+    package = shutil.copy(msi, tmp_path / "telvor.msi")
+    for path in (program, package):
+        with pytest.raises(sign.NotSigned):
+            sign.verify(signer, path)
+        sign.sign(signer, path)
+        sign.verify(signer, path)
+
+
+def without_check_sum(data):
+    """The field of the optional header that signing fills in is emptied."""
+    place = struct.unpack_from("<I", data, 60)[0] + 24 + 64
+    return data[:place] + bytes(4) + data[place + 4:]
+
+
+def test_without_its_signature_it_is_what_was_built(signer, program, tmp_path):
+    built = without_check_sum(program.read_bytes())
+    sign.sign(signer, program)
+    bare = tmp_path / "bare"
+    sign.run("osslsigncode", "remove-signature", "-in", str(program), "-out", str(bare))
+    left = without_check_sum(bare.read_bytes())
+    assert left[:len(built)] == built and not any(left[len(built):])  # padding
+
+
+def test_a_changed_file_does_not_verify(signer, program):
+    sign.sign(signer, program)
+    data = bytearray(program.read_bytes())
+    data[4096] ^= 1
+    program.write_bytes(data)
+    with pytest.raises(sign.NotSigned):
+        sign.verify(signer, program)
+
+
+def test_somebody_elses_signature_does_not_verify(signer, program, tmp_path):
+    sign.sign(sign.trial_signer(tmp_path / "other"), program)
+    with pytest.raises(sign.NotSigned):
+        sign.verify(signer, program)
+
+
+def test_time_stamp_is_put_in_and_verified(signer, program, tmp_path):
+    folder = tmp_path / "time-server"
+    folder.mkdir()
+    with time_server.running(folder) as (url, root):
+        stamping = dataclasses.replace(signer, time_server=url, time_roots=root)
+        sign.sign(signer, program)
+        with pytest.raises(sign.NotSigned, match="time stamp"):
+            sign.verify(stamping, program)
+        sign.sign(stamping, program)
+        sign.verify(stamping, program)
+
+
+def test_a_time_server_that_does_not_answer_leaves_the_file_as_it_was(signer, program):
+    before = program.read_bytes()
+    with pytest.raises(sign.NotSigned):
+        sign.sign(dataclasses.replace(signer, time_server="http://127.0.0.1:9/"), program)
+    assert program.read_bytes() == before and list(program.parent.iterdir()) == [program]
+
+
+def test_pkcs12_with_a_password_from_a_file_or_the_environment(signer, pkcs12, program, tmp_path):
+    known = ["--certificate", pkcs12, "--roots", signer.certificate]
+    secret = tmp_path / "secret"
+    secret.write_text(PASSWORD + "\n")
+    assert run_sign(*known, "--password-file", secret, program).returncode == 0
+    sign.verify(signer, program)
+    assert run_sign(*known, program, **{sign.PASSWORD_VARIABLE: PASSWORD}).returncode == 0
+
+
+def test_a_wrong_password_is_told_and_never_shown(signer, pkcs12, program):
+    done = run_sign("--certificate", pkcs12, "--roots", signer.certificate, program,
+                    **{sign.PASSWORD_VARIABLE: "not this one"})
+    assert done.returncode != 0 and "osslsigncode sign" in done.stdout and "not this one" not in done.stdout
