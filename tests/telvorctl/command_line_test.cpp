@@ -9,9 +9,9 @@ namespace {
 using namespace telvorctl_test;
 
 const std::vector<std::string> kCommands = {
-    "status",   "watch",    "connect",     "disconnect",   "locations",   "select", "login",
-    "logout",   "register", "registered",  "reset",        "reset-start", "quota",  "reset-confirm",
-    "checkout", "logs",     "entitlement", "account-page", "request",     "stop",
+    "status",   "watch",    "connect",     "disconnect",   "locations",   "select",  "login",
+    "logout",   "register", "registered",  "reset",        "reset-start", "quota",   "reset-confirm",
+    "checkout", "logs",     "entitlement", "account-page", "request",     "support", "stop",
 };
 
 void ExpectFitsAScreen(const std::string& text) {
@@ -85,6 +85,7 @@ TEST_F(Telvorctl, WrongUsageIsToldAndNothingIsAsked) {
       {{"watch", "--interval", "3601"},
        "--interval: Value 3601 not in range 1 to 3600",
        "telvorctl watch --help"},
+      {{"support", "a", "b"}, "the command does not take all of these arguments", "telvorctl support --help"},
       {{"logs", "-n", "2001"}, "--lines: Value 2001 not in range 1 to 2000", "telvorctl logs --help"},
   };
   for (const Row& row : rows) {

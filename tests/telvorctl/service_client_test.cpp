@@ -52,7 +52,7 @@ TEST_F(ServiceClient, SaysThatTheServiceIsBusy) {
 TEST_F(ServiceClient, SaysThatThePipeRefusesAccess) {
   CannotOpen(kGetState, kErrorAccessDenied);
   ExpectFailure(
-      1, "the TELVOR service's pipe refuses access. Run this as a user who has logged on at this computer");
+      1, "the TELVOR service's pipe refuses access. Run this as a user who has logged on, not as a guest");
 }
 
 TEST_F(ServiceClient, NamesAnyOtherErrorOfOpening) {

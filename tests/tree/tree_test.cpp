@@ -153,13 +153,13 @@ const std::vector<Floor>& Floors() {
       {7, {"service/lifecycle", "service/console_host", "service/wiring"}},
       {8, {"service/entry"}},
       {6, {"engine/*", "ipc/*"}},
-      // A house of its own: it knows nothing of the service but the pipe.
+      // A house of its own: it knows nothing of the service but the pipe and the files that people may see.
       {0,
-       {"telvorctl/platform", "telvorctl/startup", "telvorctl/exit_codes", "telvorctl/options",
-        "telvorctl/json"}},
+       {"telvorctl/platform", "telvorctl/machine", "telvorctl/startup", "telvorctl/exit_codes",
+        "telvorctl/options", "telvorctl/json"}},
       {1, {"telvorctl/text"}},
-      {2, {"telvorctl/terminal", "telvorctl/service_client"}},
-      {3, {"telvorctl/conclusion", "telvorctl/rendering", "telvorctl/waiting"}},
+      {2, {"telvorctl/terminal", "telvorctl/service_client", "telvorctl/masking"}},
+      {3, {"telvorctl/conclusion", "telvorctl/rendering", "telvorctl/waiting", "telvorctl/support_report"}},
       {5, {"telvorctl/command_line"}},
       {6, {"telvorctl/main"}},
       {4, {"telvorctl/*"}},

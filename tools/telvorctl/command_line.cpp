@@ -10,6 +10,7 @@
 #include "telvorctl/log_commands.h"
 #include "telvorctl/options.h"
 #include "telvorctl/platform.h"
+#include "telvorctl/support_commands.h"
 #include "telvorctl/terminal.h"
 #include "telvorctl/text.h"
 #include "telvorctl/tunnel_commands.h"
@@ -90,6 +91,14 @@ void TakeLine(CLI::App& app, Options& options) {
   app.add_option("LINE", options.line, R"(such as {"id":1,"method":"GetState"})")->type_name("")->required();
 }
 
+void TakeReportFile(CLI::App& app, Options& options) {
+  app.add_option("FILE", options.file, "a new file for it; else it goes to the output")->type_name("");
+  app.footer(
+      "Versions, states, markers, files by name and size, adapters, routes, the end of\n"
+      "the log. Passwords, tokens, keys and email addresses are taken out; names of\n"
+      "this computer and its networks stay. Read it before you give it away.");
+}
+
 constexpr Command kCommands[] = {
     {"status", "tunnel and account", TakeBrief, ShowStatus},
     {"watch", "the status, redrawn", TakeInterval, WatchStatus},
@@ -110,6 +119,7 @@ constexpr Command kCommands[] = {
     {"account-page", "a link to the account", TakeNothing, ShowAccountPageLink},
     {"logs", "the service's log", TakeLogOptions, ShowLogs},
     {"request", "send a raw line", TakeLine, SendRequest},
+    {"support", "a report for support", TakeReportFile, ReportForSupport},
     {"stop", "stop the service", TakeNothing, StopService},
 };
 

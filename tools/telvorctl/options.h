@@ -22,6 +22,7 @@ struct Options {
   std::string requestId;
   std::string place;
   std::string line;
+  std::string file;
 };
 
 }  // namespace telvorctl

@@ -31,7 +31,7 @@ constexpr OpenFailure kOpenFailures[] = {
      "the TELVOR service is busy: all of its sixteen connections are taken. Close other programs that watch "
      "it, or try again in a moment"},
     {platform::kErrorAccessDenied, kFailed,
-     "the TELVOR service's pipe refuses access. Run this as a user who has logged on at this computer"},
+     "the TELVOR service's pipe refuses access. Run this as a user who has logged on, not as a guest"},
 };
 
 // How a text of the service begins, and what a person can do about it.

@@ -57,6 +57,36 @@ std::string ShowableCharacter(std::string_view character) {
   return first < 0x20 || first == 0x7F || secondSet ? "?" : std::string(character);
 }
 
+bool IsHighSurrogate(uint32_t unit) {
+  return unit >= 0xD800 && unit < 0xDC00;
+}
+
+bool IsSurrogate(uint32_t unit) {
+  return unit >= 0xD800 && unit < 0xE000;
+}
+
+void AppendUtf8(uint32_t point, std::string& text) {
+  const auto add = [&text](uint32_t byte) { text += static_cast<char>(byte); };
+  if (point < 0x80) return add(point);
+  if (point < 0x800) {
+    add(0xC0 | (point >> 6));
+  } else if (point < 0x10000) {
+    add(0xE0 | (point >> 12));
+    add(0x80 | ((point >> 6) & 0x3F));
+  } else {
+    add(0xF0 | (point >> 18));
+    add(0x80 | ((point >> 12) & 0x3F));
+    add(0x80 | ((point >> 6) & 0x3F));
+  }
+  add(0x80 | (point & 0x3F));
+}
+
+uint32_t UnitAt(std::string_view bytes, size_t index) {
+  constexpr uint32_t kHalfOfPair = 0xD800;  // stands for all that is none
+  if (index + 1 >= bytes.size()) return kHalfOfPair;
+  return uint32_t{ByteAt(bytes, index)} | uint32_t{ByteAt(bytes, index + 1)} << 8;
+}
+
 struct Unit {
   uint64_t size;
   const char* name;
@@ -77,6 +107,21 @@ std::string RepairUtf8(std::string_view bytes) {
 
 bool IsUtf8(std::string_view bytes) {
   return RepairUtf8(bytes) == bytes;
+}
+
+std::string Utf8FromUtf16(std::string_view bytes) {
+  std::string text;
+  for (size_t i = 0; i < bytes.size(); i += 2) {
+    const uint32_t unit = UnitAt(bytes, i);
+    const uint32_t next = IsHighSurrogate(unit) && i + 3 < bytes.size() ? UnitAt(bytes, i + 2) : 0;
+    if (IsSurrogate(next) && !IsHighSurrogate(next)) {
+      AppendUtf8(0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00), text);
+      i += 2;
+    } else {
+      AppendUtf8(IsSurrogate(unit) ? 0xFFFD : unit, text);
+    }
+  }
+  return text;
 }
 
 std::string Showable(std::string_view text) {
@@ -140,6 +185,18 @@ std::string SpanText(uint64_t seconds) {
     return std::to_string(count) + " " + unit.name + (count == 1 ? "" : "s");
   }
   return {};
+}
+
+std::vector<std::string> SplitLines(std::string_view text) {
+  std::vector<std::string> lines;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    std::string_view line = text.substr(0, end);
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    lines.emplace_back(line);
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return lines;
 }
 
 std::vector<std::string> TableLines(const std::vector<std::vector<std::string>>& rows) {

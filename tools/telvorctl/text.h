@@ -13,6 +13,9 @@ std::string RepairUtf8(std::string_view bytes);
 
 bool IsUtf8(std::string_view bytes);
 
+// UTF-16 in little-endian bytes as UTF-8; U+FFFD for half of a pair and for half of a unit.
+std::string Utf8FromUtf16(std::string_view bytes);
+
 // `text` (UTF-8) with control characters replaced, so that it cannot drive a terminal: a tab by a blank, all
 // others by '?'.
 std::string Showable(std::string_view text);
@@ -31,6 +34,10 @@ std::string SizeText(uint64_t bytes);
 
 // "45 seconds", "1 minute", "2 hours", rounded down.
 std::string SpanText(uint64_t seconds);
+
+// The text parted at line feeds, without them and a carriage return before. No empty line behind the last
+// one.
+std::vector<std::string> SplitLines(std::string_view text);
 
 // The rows below each other, every column but the last as wide as its widest cell, two blanks between them.
 std::vector<std::string> TableLines(const std::vector<std::vector<std::string>>& rows);
