@@ -187,11 +187,49 @@ def send(laboratory, options):
 
 
 def control(laboratory, options):
-    """Becomes telvorctl.exe on the user's computer: at this terminal, with its exit code."""
-    from lab import network, prefix, windows
+    from lab import prefix
 
-    command = laboratory.enter(network.CLIENT.name) + ["wine", prefix.TELVORCTL, *options.rest]
+    become_program(laboratory, prefix.TELVORCTL, *options.rest)
+
+
+def run_program(laboratory, options):
+    become_program(laboratory, *options.rest)
+
+
+def become_program(laboratory, *words):
+    """A program of Windows on the user's computer: at this terminal, with its exit code."""
+    from lab import network, windows
+
+    command = laboratory.enter(network.CLIENT.name) + ["wine", *words]
     os.execvpe(command[0], command, windows.environment(laboratory))
+
+
+def install(laboratory, options):
+    from lab import windows
+
+    laboratory.pipe.close()
+    tell_installer(windows.install(laboratory, *options.rest, check=False), "installed", laboratory)
+
+
+def remove(laboratory, options):
+    from lab import windows
+
+    laboratory.pipe.close()
+    products = windows.installed_products(laboratory)
+    if not products:
+        raise NotDone("TELVOR is not installed.")
+    for code in products:
+        tell_installer(windows.remove(laboratory, code, *options.rest, check=False), "removed", laboratory)
+
+
+def tell_installer(finished, done, laboratory):
+    """How it ended, and what is installed now."""
+    from lab import windows
+
+    if finished.code != 0:
+        raise NotDone(f"Not {done}: msiexec ended with {finished.code}, the lowest eight bits of its number.")
+    versions = ", ".join(windows.installed_products(laboratory).values())
+    print(f"{done}; TELVOR {versions} is there" if versions else f"{done}; TELVOR is not there")
 
 
 def start(laboratory, _):
@@ -236,6 +274,9 @@ WORDS = {
     "filters": (show_filters, "", "the filters in force, with every condition"),
     "routes": (show_routes, "", "the routes of the user's computer"),
     "start": (start, "", "start the service again, after ./run ctl stop"),
+    "install": (install, "[PROPERTY=VALUE ...]", "install by the MSI, as an administrator would, unattended"),
+    "remove": (remove, "[PROPERTY=VALUE ...]", "remove it again; ERASEDATA=1 erases the data as well"),
+    "windows": (run_program, "PROGRAM ...", "a program of Windows, such as sc query TELVOR"),
     "account": (show_account, "", "who can log in, and the password"),
 }
 
@@ -273,7 +314,7 @@ words, for the laboratory that --keep left up:
 
 
 def make_parser():
-    rows = [f"  {f'{word} {rest}':10} {text}" for word, (_, rest, text) in WORDS.items()]
+    rows = [f"  {f'{word} {rest}':28} {text}" for word, (_, rest, text) in WORDS.items()]
     parser = argparse.ArgumentParser(
         prog="./run", usage="./run [--keep | --down | --help]\n       ./run {%s} ..." % ",".join(WORDS),
         description="Builds telvor.exe and takes it on a tour through a laboratory on this machine.",
@@ -297,9 +338,9 @@ def parse(arguments):
     def refuse(text):
         parser.exit(CANNOT_RUN, f"./run: {text}\n")
 
-    # What stands behind ctl is not ours to read, not even a --help.
+    # What stands behind ctl or windows is not ours to read, not even a --help.
     word = next((index for index, text in enumerate(arguments) if not text.startswith("-")), None)
-    end = len(arguments) if word is None or arguments[word] != "ctl" else word + 1
+    end = len(arguments) if word is None or arguments[word] not in ("ctl", "windows") else word + 1
     options = parser.parse_args(arguments[:end])
     options.rest += arguments[end:]
     if options.word is None:
@@ -311,6 +352,8 @@ def parse(arguments):
     follows = WORDS[options.word][1]
     if follows == "LINE" and len(options.rest) != 1:
         refuse("""send takes one request line: ./run send '{"id":1,"method":"GetState"}'""")
+    if follows.startswith("PROGRAM") and not options.rest:
+        refuse("windows takes a program: ./run windows sc query TELVOR")
     if not follows and options.rest:
         refuse(f"nothing follows {options.word}")
     return options

@@ -23,6 +23,7 @@ STATES = {"1": "STOPPED", "2": "START_PENDING", "3": "STOP_PENDING", "4": "RUNNI
 NO_PIPE = {2: "the service is not running; ./run start starts it",
            231: "the service's pipe has no instance free"}
 
+UNINSTALL_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall"
 Finished = collections.namedtuple("Finished", "code output")
 Holdings = collections.namedtuple("Holdings", "handles threads memory")  # memory: of its own, in KiB
 
@@ -45,6 +46,22 @@ def install(laboratory, *properties, msi=None, check=True):
     """Installs TELVOR as an administrator would, unattended; how that ended."""
     package = on_windows(msi or prefix.installer(laboratory.build))
     return msiexec(laboratory, "/i", package, *properties, check=check)
+
+
+def installed_products(laboratory):
+    """{product code: version} of what is installed."""
+    found, key = {}, ""
+    for line in run(laboratory, "reg", "query", UNINSTALL_KEY, "/s", check=False).output.splitlines():
+        if line.startswith("HKEY"):
+            key = line.rpartition("\\")[2].strip()
+        elif line.split()[:1] == ["DisplayVersion"]:
+            found[key] = line.split()[-1]
+    return found
+
+
+def remove(laboratory, code, *properties, check=True):
+    """Removes the product of this code; how that ended."""
+    return msiexec(laboratory, "/x", code, *properties, check=check)
 
 
 def msiexec(laboratory, *words, check=True):

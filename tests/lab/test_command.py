@@ -101,6 +101,14 @@ def test_what_can_be_seen(kept, capfdbinary):
     assert code == DONE and "0.0.0.0/0            192.168.77.1     eth0" in output
 
 
+def test_it_can_be_removed_and_installed_again(kept, capfdbinary):
+    assert run(capfdbinary, "remove") == (DONE, "removed; TELVOR is not there\n", "")
+    assert windows.service_state(kept) == windows.NO_SUCH_SERVICE
+    assert run(capfdbinary, "remove") == (NOT_VERIFIED, "", "TELVOR is not installed.\n")
+    assert run(capfdbinary, "install") == (DONE, f"installed; TELVOR {prefix.version()} is there\n", "")
+    windows.wait_for_service(kept, "RUNNING")
+
+
 def test_a_second_one_is_refused_before_anything_is_built(kept, capfdbinary):
     assert run(capfdbinary, "--keep") == (
         CANNOT_RUN, "", "\nCannot run. A laboratory was left up already. End it with ./run --down\n")
@@ -117,7 +125,7 @@ def test_one_that_has_died_can_only_be_cleared_away(build, capfdbinary):
     assert run(capfdbinary, "log") == (CANNOT_RUN, "", NO_KEPT_ONE)
 
 
-@pytest.mark.parametrize("word", [word for word in command.WORDS if word != "send"])
+@pytest.mark.parametrize("word", [word for word in command.WORDS if word not in ("send", "windows")])
 def test_a_word_without_a_laboratory(word, capfdbinary):
     assert run(capfdbinary, word) == (CANNOT_RUN, "", NO_KEPT_ONE)
 
@@ -172,9 +180,12 @@ def refused(capfdbinary, *words):
 
 def test_a_wrong_word_is_told_the_right_ones(capfdbinary):
     assert refused(capfdbinary, "conect") == (
-        "./run: there is no conect; the words are: ctl, send, log, filters, routes, start, account\n")
+        "./run: there is no conect; the words are: ctl, send, log, filters, routes, start, "
+        "install, remove, windows, account\n")
     assert refused(capfdbinary, "send") == f"./run: send takes one request line: ./run send '{LINE}'\n"
     assert refused(capfdbinary, "send", "a", "b") == refused(capfdbinary, "send")
+    assert refused(capfdbinary, "windows") == (
+        "./run: windows takes a program: ./run windows sc query TELVOR\n")
     assert refused(capfdbinary, "log", "10") == "./run: nothing follows log\n"
     assert refused(capfdbinary, "--keep", "log") == "./run: log stands alone, without --keep or --down\n"
     assert "not allowed with argument" in refused(capfdbinary, "--keep", "--down")

@@ -17,7 +17,6 @@ OTHER_BUILD = "Another build's last line.\n"
 FAILED = 1603 & 0xFF  # Wine's exit codes have eight bits here
 PATH_KEY = r"HKLM\System\CurrentControlSet\Control\Session Manager\Environment"
 SERVICE_KEY = rf"HKLM\System\CurrentControlSet\Services\{prefix.SERVICE}"
-UNINSTALL_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall"
 SEED = "[domains]\nsite.telvor.test\n[ips]\n198.18.4.10\n# the administrator's own line\n"
 
 
@@ -83,21 +82,9 @@ def seed(laboratory):
     return program(laboratory, "data") / "runtime.seed"
 
 
-def products(laboratory):
-    """{product code: version} of what is installed."""
-    listed = windows.run(laboratory, "reg", "query", UNINSTALL_KEY, "/s", check=False).output
-    found, key = {}, ""
-    for line in listed.splitlines():
-        if line.startswith("HKEY"):
-            key = line.rpartition("\\")[2].strip()
-        elif line.split()[:1] == ["DisplayVersion"]:
-            found[key] = line.split()[-1]
-    return found
-
-
 def remove(laboratory, *properties):
-    for code in products(laboratory):
-        windows.msiexec(laboratory, "/x", code, *properties)
+    for code in windows.installed_products(laboratory):
+        windows.remove(laboratory, code, *properties)
 
 
 def data_folders(laboratory):
@@ -135,7 +122,7 @@ def test_installation_lays_down_registers_and_starts(installed):
     assert (values["Type"], values["Start"], values["ObjectName"]) == ("0x10", "0x2", "LocalSystem")
     assert values["ImagePath"].strip('"') == prefix.EXECUTABLE and "WireGuard tunnel" in values["Description"]
     assert r"C:\Program Files\TELVOR" in machine_path(installed)
-    assert list(products(installed).values()) == [prefix.version()]
+    assert list(windows.installed_products(installed).values()) == [prefix.version()]
 
 
 def test_start_can_be_left_for_later(machine):
@@ -150,7 +137,7 @@ def test_without_wireguard_nothing_is_installed(machine):
         assert_refused(machine)
     finally:
         hidden.rename(folder)
-    assert products(machine) == {} and not program(machine).exists()
+    assert windows.installed_products(machine) == {} and not program(machine).exists()
     assert windows.service_state(machine) == windows.NO_SUCH_SERVICE
     windows.install(machine, "STARTSERVICE=0")
 
@@ -165,7 +152,7 @@ def test_upgrade_while_connected_keeps_session_keys_and_policy(machine, packages
     machine.pipe.close()
     windows.install(machine)
     windows.wait_for_service(machine, "RUNNING")
-    assert list(products(machine).values()) == [prefix.version()]
+    assert list(windows.installed_products(machine).values()) == [prefix.version()]
     assert key.read_bytes() == before and seed(machine).read_text() == SEED
     assert (drive(machine) / prefix.LOG_FILE).read_bytes().startswith(log)
     assert all(program(machine, name).is_file() for name in (*make_msi.PROGRAMS, make_msi.NOTICES))
@@ -177,7 +164,7 @@ def test_older_version_is_refused_and_the_newer_stays(machine, packages):
     windows.install(machine, msi=packages[NEWER])
     windows.wait_for_service(machine, "RUNNING")
     assert_refused(machine)
-    assert list(products(machine).values()) == [NEWER]
+    assert list(windows.installed_products(machine).values()) == [NEWER]
     assert windows.service_state(machine) == "RUNNING"
     remove(machine)
     windows.install(machine, "STARTSERVICE=0")
@@ -187,13 +174,13 @@ def test_stopped_service_is_upgraded_and_started(machine, packages):
     windows.install(machine, "STARTSERVICE=0", msi=packages[OLDER])
     windows.install(machine)
     windows.wait_for_service(machine, "RUNNING")
-    assert list(products(machine).values()) == [prefix.version()]
+    assert list(windows.installed_products(machine).values()) == [prefix.version()]
 
 
 def test_another_build_of_the_same_version_replaces_this_one(installed, packages):
     windows.install(installed, msi=packages[prefix.version()])
     windows.wait_for_service(installed, "RUNNING")
-    assert list(products(installed).values()) == [prefix.version()]
+    assert list(windows.installed_products(installed).values()) == [prefix.version()]
     assert program(installed, make_msi.NOTICES).read_text(encoding="utf-8").endswith(OTHER_BUILD)
 
 

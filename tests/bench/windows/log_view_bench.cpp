@@ -1,6 +1,7 @@
 // The view of the log on the real platform layer, beside reading the file once into memory.
 //
-//     log_view_bench FOLDER time LIMIT REPETITIONS   nanoseconds, a line each: "view N" and "read N", in turn
+//     log_view_bench FOLDER time LIMIT REPETITIONS   nanoseconds, a line each: "view N", "read N", "path N", in
+//                                                    turn; the last is what finding the log takes of a view
 //     log_view_bench FOLDER peak LIMIT               bytes by which one view raised the peak working set
 //
 // FOLDER stands for %ProgramData%; the log must be there.
@@ -66,6 +67,7 @@ int main(int count, char** words) {
     for (int repetition = std::atoi(words[4]); repetition > 0; --repetition) {
       Time("view", [limit] { return View(limit); });
       Time("read", [&path] { return ReadOnce(path); });
+      Time("path", [] { return GetLogFilePath().size(); });
     }
     return 0;
   }
