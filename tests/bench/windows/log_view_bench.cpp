@@ -1,8 +1,7 @@
 // The view of the log on the real platform layer, beside reading the file once into memory.
 //
-//     log_view_bench FOLDER time LIMIT REPETITIONS   nanoseconds, a line each: "view N", "read N", "path N",
-//     in
-//                                                    turn; the last is what finding the log takes of a view
+//     log_view_bench FOLDER time LIMIT REPETITIONS   nanoseconds, a line each, in turn: "view N", "read N",
+//                                                    "path N": what finding the log takes of a view
 //     log_view_bench FOLDER peak LIMIT               bytes by which one view raised the peak working set
 //
 // FOLDER stands for %ProgramData%; the log must be there.
