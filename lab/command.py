@@ -189,7 +189,15 @@ def send(laboratory, options):
 def control(laboratory, options):
     from lab import prefix
 
+    require_installed(laboratory)
     become_program(laboratory, prefix.TELVORCTL, *options.rest)
+
+
+def require_installed(laboratory):
+    from lab import prefix, windows
+
+    if not (windows.drive(laboratory) / prefix.PROGRAM_FOLDER / "telvor.exe").exists():
+        raise NotDone("TELVOR is not installed; ./run install installs it.")
 
 
 def run_program(laboratory, options):
@@ -235,6 +243,7 @@ def tell_installer(finished, done, laboratory):
 def start(laboratory, _):
     from lab import windows
 
+    require_installed(laboratory)
     if windows.service_processes(laboratory):
         print("The service is running already.")
     else:
@@ -306,7 +315,7 @@ def down(arguments):
 
 
 HELP = """
-Without a word: the whole tour. It needs root's rights (sudo) and takes 2 to 4 minutes the first time, with
+Without a word: the whole tour. It needs root's rights (sudo) and takes 3 to 5 minutes the first time, with
 the build on two cores, and half a minute from then on.
 
 words, for the laboratory that --keep left up:

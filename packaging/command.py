@@ -2,6 +2,7 @@
 
 import argparse
 import hashlib
+import re
 import shutil
 import subprocess
 import sys
@@ -63,6 +64,8 @@ def main():
                         "build: https, a host, an optional port, no path; without it the laboratory's")
     sign.add_options(parser)
     options = parser.parse_args()
+    if options.control_plane and not re.fullmatch(r"https://[^/:@?#\"\\ ]+(:[0-9]+)?", options.control_plane):
+        parser.error("--control-plane takes an https URL without a path, such as https://cp.example.com:8443")
     try:
         requirements.install(requirements.BUILD, requirements.PACKAGE)
         print("building telvor.exe and telvorctl.exe", flush=True)
@@ -70,6 +73,7 @@ def main():
         print("signing, packing, signing", flush=True)
         for path in make(sign.signer_of(options), BUILD, PACKAGE):
             print(f"  {path.relative_to(identity.ROOT)}")
+        print(f"It talks to {options.control_plane or 'the control plane of the laboratory'}.")
         if options.certificate is None:
             print("Signed with a test certificate that no Windows trusts; ./package --help tells of others.")
     except (requirements.NotInstalled, sign.NotSigned, RuntimeError, LookupError) as failure:

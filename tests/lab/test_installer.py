@@ -224,6 +224,9 @@ def test_removal_of_a_killed_service_clears_the_filters_and_the_tunnel(connected
     remove(connected)
     assert windows.service_state(connected) == windows.NO_SUCH_SERVICE
     assert windows.service_state(connected, windows.TUNNEL_SERVICE) == windows.NO_SUCH_SERVICE
+    # Wine does not wait for the end of a service that was just started.
+    conftest.wait_until(lambda: windows.service_processes(connected), lambda found: not found, 30,
+                        "the end of the process")
     assert connected.agent.tunnels() == [] and connected.agent.snapshot()["filters"] == []
     conftest.clear_left_routes(connected)  # known: they stay until Windows is restarted
 

@@ -50,8 +50,7 @@ TEST_F(Support, TellsOfServiceAndMachine) {
   for (const char* text : {
            "TELVOR support report\n",
            "telvorctl      1.0.0\ntelvor.exe     1.0.0.0\nBuild          new\nwireguard.exe  0.5.3.0\n"
-           "wg.exe         no version, or not there\nWindows        10.0.19045, code page 1252, language "
-           "de-DE\n"
+           "wg.exe         not there\nWindows        10.0.19045, code page 1252, language de-DE\n"
            "Local time     2026-11-22 09:30:00\nUTC            2026-11-22 08:30:00\n",
            "GetState: connected, received 2.0 KiB, sent 10 B\nDevice id   dev-1\n",
            "Chosen      Paris, FR (fr-par-1)\n",

@@ -76,7 +76,10 @@ std::string ProgramOf(const std::string& commandLine) {
 
 std::string VersionText(const std::string& path) {
   const std::string version = platform::FileVersion(path);
-  return version.empty() ? "no version, or not there" : version;
+  if (!version.empty()) return version;
+  const platform::FileBytes file = platform::ReadFileEnd(path, 0);
+  return file.error == platform::kErrorSuccess ? std::to_string(file.size) + " bytes without a version"
+                                               : ErrorText(file.error);
 }
 
 // ---- The log ----
