@@ -9,7 +9,7 @@ import make_msi
 import pytest
 import sign
 import spdx_rules
-from conftest import BUILD
+from conftest import BUILD, ROOT
 
 
 @pytest.fixture(scope="module")
@@ -50,3 +50,10 @@ def test_bill_tells_of_the_signed_files(handed_out):
     for path in [msi, *(folder / "files").iterdir()]:
         wanted = hashlib.sha256(path.read_bytes()).hexdigest()
         assert wanted == sums["msi" if path == msi else f"./{path.name}"]
+
+
+@pytest.mark.parametrize("url", ["http://cp.example.com", "https://cp.example.com/api", "https://cp.example.com:"])
+def test_a_control_plane_that_is_none_is_refused_before_anything_is_built(url):
+    done = subprocess.run([ROOT / "package", "--control-plane", url], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True)
+    assert done.returncode == 2 and "takes an https URL without a path" in done.stdout
