@@ -155,8 +155,8 @@ const std::vector<Floor>& Floors() {
       {6, {"engine/*", "ipc/*"}},
       // A house of its own: it knows nothing of the service but the pipe and the files that people may see.
       {0,
-       {"telvorctl/platform", "telvorctl/machine", "telvorctl/startup", "telvorctl/exit_codes",
-        "telvorctl/options", "telvorctl/json"}},
+       {"telvorctl/platform", "telvorctl/machine", "telvorctl/windows_text", "telvorctl/startup",
+        "telvorctl/exit_codes", "telvorctl/options", "telvorctl/json"}},
       {1, {"telvorctl/text"}},
       {2, {"telvorctl/terminal", "telvorctl/service_client", "telvorctl/masking"}},
       {3, {"telvorctl/conclusion", "telvorctl/rendering", "telvorctl/waiting", "telvorctl/support_report"}},

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "telvorctl/machine.h"
+#include "telvorctl/windows_text.h"
 
 namespace telvorctl::platform {
 
@@ -30,21 +31,9 @@ struct ModuleFreer {
 };
 using OwnedModule = std::unique_ptr<HINSTANCE__, ModuleFreer>;
 
-std::wstring ToWide(const std::string& text) {
-  const int size = static_cast<int>(text.size());
-  std::wstring wide(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0)),
-                    L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), static_cast<int>(wide.size()));
-  return wide;
-}
-
+// Windows gives no text at all where there is none.
 std::string ToUtf8(const wchar_t* wide) {
-  const int size = WideCharToMultiByte(CP_UTF8, 0, wide, -1, nullptr, 0, nullptr, nullptr);
-  if (size < 1) return {};
-  std::string text(static_cast<size_t>(size), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, wide, -1, text.data(), size, nullptr, nullptr);
-  text.pop_back();  // the terminating null
-  return text;
+  return wide == nullptr ? std::string() : WideToUtf8(wide);
 }
 
 Time TimeOf(const SYSTEMTIME& time) {
@@ -122,7 +111,7 @@ Time UtcTime() {
 Folder ListFolder(const std::string& path) {
   Folder folder;
   WIN32_FIND_DATAW found;
-  const HANDLE search = FindFirstFileW((ToWide(path) + L"\\*").c_str(), &found);
+  const HANDLE search = FindFirstFileW((Utf8ToWide(path) + L"\\*").c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) {
     folder.error = GetLastError();
     return folder;
@@ -138,7 +127,7 @@ Folder ListFolder(const std::string& path) {
 FileBytes ReadFileEnd(const std::string& path, size_t most) {
   FileBytes file;
   constexpr DWORD kShared = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const HANDLE opened = CreateFileW(ToWide(path).c_str(), GENERIC_READ, kShared, nullptr, OPEN_EXISTING,
+  const HANDLE opened = CreateFileW(Utf8ToWide(path).c_str(), GENERIC_READ, kShared, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (opened == INVALID_HANDLE_VALUE) {
     file.error = GetLastError();
@@ -157,7 +146,7 @@ FileBytes ReadFileEnd(const std::string& path, size_t most) {
 }
 
 uint32_t WriteNewFile(const std::string& path, const std::string& bytes) {
-  const HANDLE opened = CreateFileW(ToWide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+  const HANDLE opened = CreateFileW(Utf8ToWide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (opened == INVALID_HANDLE_VALUE) return GetLastError();
   const OwnedHandle owner(opened);
@@ -169,7 +158,7 @@ uint32_t WriteNewFile(const std::string& path, const std::string& bytes) {
 
 std::string FileVersion(const std::string& path) {
   constexpr DWORD kAsData = LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE;
-  const OwnedModule module(LoadLibraryExW(ToWide(path).c_str(), nullptr, kAsData));
+  const OwnedModule module(LoadLibraryExW(Utf8ToWide(path).c_str(), nullptr, kAsData));
   if (!module) return {};
   const HRSRC found = FindResourceW(module.get(), MAKEINTRESOURCEW(VS_VERSION_INFO), RT_VERSION);
   if (found == nullptr) return {};
@@ -187,7 +176,7 @@ std::string FileVersion(const std::string& path) {
 }
 
 std::string EnvironmentVariable(const std::string& name) {
-  const std::wstring wide = ToWide(name);
+  const std::wstring wide = Utf8ToWide(name);
   std::wstring value(GetEnvironmentVariableW(wide.c_str(), nullptr, 0), L'\0');
   value.resize(GetEnvironmentVariableW(wide.c_str(), value.data(), static_cast<DWORD>(value.size())));
   return ToUtf8(value.c_str());
@@ -209,9 +198,9 @@ WindowsFacts DescribeWindows() {
 ServiceFacts QueryService(const std::string& name) {
   ServiceFacts facts;
   const OwnedService manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const OwnedService service(
-      manager ? OpenServiceW(manager.get(), ToWide(name).c_str(), SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG)
-              : nullptr);
+  const OwnedService service(manager ? OpenServiceW(manager.get(), Utf8ToWide(name).c_str(),
+                                                    SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG)
+                                     : nullptr);
   SERVICE_STATUS_PROCESS status = {};
   DWORD size = 0;
   if (!service ||

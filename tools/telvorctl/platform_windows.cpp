@@ -7,6 +7,7 @@
 
 #include "telvorctl/platform.h"
 #include "telvorctl/startup.h"
+#include "telvorctl/windows_text.h"
 
 namespace telvorctl::platform {
 
@@ -26,24 +27,6 @@ BOOL WINAPI OnControl(DWORD kind) {
   if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT) return FALSE;
   SetEvent(gInterrupted);
   return TRUE;
-}
-
-std::wstring Utf8ToWide(const std::string& text) {
-  const int size = static_cast<int>(text.size());
-  std::wstring wide(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0)),
-                    L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), static_cast<int>(wide.size()));
-  return wide;
-}
-
-std::string WideToUtf8(const std::wstring& wide) {
-  const int size = static_cast<int>(wide.size());
-  std::string text(
-      static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr)),
-      '\0');
-  WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), static_cast<int>(text.size()), nullptr,
-                      nullptr);
-  return text;
 }
 
 HANDLE StreamHandle(Stream stream) {
@@ -136,6 +119,24 @@ bool WriteToConsole(HANDLE terminal, const std::wstring& text) {
 }
 
 }  // namespace
+
+std::wstring Utf8ToWide(const std::string& text) {
+  const int size = static_cast<int>(text.size());
+  std::wstring wide(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0)),
+                    L'\0');
+  MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), static_cast<int>(wide.size()));
+  return wide;
+}
+
+std::string WideToUtf8(const std::wstring& wide) {
+  const int size = static_cast<int>(wide.size());
+  std::string text(
+      static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr)),
+      '\0');
+  WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), static_cast<int>(text.size()), nullptr,
+                      nullptr);
+  return text;
+}
 
 static_assert(kErrorFileNotFound == ERROR_FILE_NOT_FOUND && kErrorAccessDenied == ERROR_ACCESS_DENIED &&
               kErrorPipeBusy == ERROR_PIPE_BUSY && kErrorOperationAborted == ERROR_OPERATION_ABORTED &&
