@@ -32,18 +32,31 @@ inline ByteBlock LoadBlock(const char* bytes) {
   return block;
 }
 
-// Bit n is set where byte n is the one wanted.
-inline uint64_t Marks(const ByteBlock& block, char wanted) {
 #if defined(__SSE2__)
-  const __m128i all = _mm_set1_epi8(wanted);
-  const auto marks = [all](__m128i part) {
-    return uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(part, all)))};
+
+// All bits of a byte are set where it is one of those wanted.
+template <typename... Bytes>
+__m128i Matches(__m128i part, Bytes... wanted) {
+  __m128i matches = _mm_setzero_si128();
+  ((matches = _mm_or_si128(matches, _mm_cmpeq_epi8(part, _mm_set1_epi8(wanted)))), ...);
+  return matches;
+}
+
+#endif
+
+// Bit n is set where byte n is one of those wanted.
+template <typename... Bytes>
+uint64_t Marks(const ByteBlock& block, Bytes... wanted) {
+#if defined(__SSE2__)
+  const auto marks = [&](size_t part) {
+    const auto bits = static_cast<uint16_t>(_mm_movemask_epi8(Matches(block.parts[part], wanted...)));
+    return uint64_t{bits} << (16 * part);
   };
-  return marks(block.parts[0]) | marks(block.parts[1]) << 16 | marks(block.parts[2]) << 32 |
-         marks(block.parts[3]) << 48;
+  return marks(0) | marks(1) | marks(2) | marks(3);
 #else
   uint64_t marks = 0;
-  for (size_t at = 0; at < ByteBlock::kSize; ++at) marks |= uint64_t{block.bytes[at] == wanted} << at;
+  for (size_t at = 0; at < ByteBlock::kSize; ++at)
+    marks |= uint64_t{((block.bytes[at] == wanted) || ...)} << at;
   return marks;
 #endif
 }

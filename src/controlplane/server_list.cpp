@@ -14,15 +14,21 @@ namespace {
 
 constexpr size_t kNone = std::string_view::npos;
 
-// The position of the first byte from `at` on that is not in `accepted`.
-size_t SkipAll(std::string_view text, size_t at, std::string_view accepted) {
-  while (at < text.size() && accepted.find(text[at]) != kNone) ++at;
-  return at;
+// The white space of JSON.
+bool IsJsonSpace(char byte) {
+  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
 }
 
-// The white space of isspace in the default locale.
-size_t SkipWhiteSpace(std::string_view text, size_t at) {
-  return SkipAll(text, at, " \t\n\v\f\r");
+// That of isspace in the default locale.
+bool IsSpace(char byte) {
+  return byte == ' ' || (byte >= '\t' && byte <= '\r');
+}
+
+// The position of the first byte from `at` on that is none of these.
+template <bool (*isSkipped)(char)>
+size_t SkipAll(std::string_view text, size_t at) {
+  while (at < text.size() && isSkipped(text[at])) ++at;
+  return at;
 }
 
 // The positions of the double quotes of an object, escaped ones too. The room grows and is used again.
@@ -34,7 +40,7 @@ struct Quotes {
 };
 
 // Adds the positions of the set bits, counted from `base`.
-void AddMarked(uint64_t marks, size_t base, Quotes& quotes) {
+inline void AddMarked(uint64_t marks, size_t base, Quotes& quotes) {
   if (quotes.room.size() < quotes.count + 64) quotes.room.resize(quotes.count * 2 + 64);
   size_t* position = quotes.room.data() + quotes.count;
   for (; marks != 0; marks &= marks - 1) *position++ = base + static_cast<size_t>(std::countr_zero(marks));
@@ -78,10 +84,10 @@ size_t ObjectLengthByBlocks(std::string_view text, Quotes& quotes) {
     const ByteBlock bytes = LoadBlock(text.data() + block);
     if (Marks(bytes, '\\') != 0) return kNone;
     uint64_t quoteMarks = Marks(bytes, '"');
-    const uint64_t strings = OddUpTo(quoteMarks) ^ inString;
-    inString = 0 - (strings >> 63);
     size_t length = kNone;
-    uint64_t braces = (Marks(bytes, '{') | Marks(bytes, '}')) & ~strings;
+    uint64_t braces = Marks(bytes, '{', '}');
+    if (braces != 0) braces &= ~(OddUpTo(quoteMarks) ^ inString);
+    if (std::popcount(quoteMarks) % 2 != 0) inString = ~inString;
     for (; braces != 0; braces &= braces - 1) {
       const auto at = static_cast<size_t>(std::countr_zero(braces));
       depth += text[block + at] == '{' ? 1 : -1;
@@ -112,18 +118,18 @@ bool WalkServers(std::string_view body, const Take& take) {
   Quotes quotes;
   size_t at = FindText(body, kKey);
   if (at == kNone) return false;
-  at = SkipWhiteSpace(body, at + kKey.size());
+  at = SkipAll<IsSpace>(body, at + kKey.size());
   if (at + 1 >= body.size() || body[at] != '[') return false;
   ++at;
   while (true) {
-    at = SkipWhiteSpace(body, at);
+    at = SkipAll<IsSpace>(body, at);
     if (at == body.size()) return false;
     if (body[at] == ']') return true;
     if (body[at] != '{') return false;
     const size_t length = ObjectLength(body.substr(at), quotes);
     if (length == kNone) return false;
     take(body.substr(at, length), quotes);
-    at = SkipWhiteSpace(body, at + length);
+    at = SkipAll<IsSpace>(body, at + length);
     // A comma before the bracket and no comma between two objects are both accepted; wanted.
     if (at < body.size() && body[at] == ',') ++at;
   }
@@ -138,23 +144,31 @@ struct Number {
   size_t decimals = 0;
 };
 
+// The digits from `at` on are added behind those in `digits`. Returns the position behind them.
+size_t ReadDigits(std::string_view text, size_t at, uint64_t& digits) {
+  uint64_t value = digits;
+  for (; at < text.size(); ++at) {
+    const auto digit = static_cast<unsigned char>(text[at] - '0');
+    if (digit > 9) break;
+    value = value * 10 + digit;
+  }
+  digits = value;
+  return at;
+}
+
 Number ReadNumber(std::string_view text) {
   Number number;
-  size_t at = 0;
-  const auto readDigits = [&] {
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at, ++number.count)
-      number.digits = number.digits * 10 + static_cast<uint64_t>(text[at] - '0');
-  };
-  if (text.starts_with('-') || text.starts_with('+')) at = 1;
   number.negative = text.starts_with('-');
-  readDigits();
-  if (at < text.size() && text[at] == '.') {
-    const size_t whole = number.count;
-    ++at;
-    readDigits();
-    number.decimals = number.count - whole;
+  const size_t begin = number.negative || text.starts_with('+') ? 1 : 0;
+  size_t end = ReadDigits(text, begin, number.digits);
+  number.count = end - begin;
+  if (end < text.size() && text[end] == '.') {
+    const size_t point = end;
+    end = ReadDigits(text, point + 1, number.digits);
+    number.decimals = end - point - 1;
+    number.count += number.decimals;
   }
-  if (number.count > 0) number.length = at;
+  if (number.count > 0) number.length = end;
   return number;
 }
 
@@ -186,7 +200,7 @@ bool IsPartOfExponent(char byte) {
 }
 
 bool NumberBehind(std::string_view text, size_t colon, double& value) {
-  const std::string_view rest = text.substr(SkipAll(text, colon + 1, " \t\r\n"));
+  const std::string_view rest = text.substr(SkipAll<IsJsonSpace>(text, colon + 1));
   const Number number = ReadNumber(rest);
   if (number.length == 0) return false;
   size_t withExponent = number.length;
@@ -287,7 +301,8 @@ void ReadField(std::string_view object, const Quotes& quotes, size_t number, con
     size_t open = number + 1;
     while (open < quotes.count && quotes[open] < colon) ++open;
     if (open + 1 >= quotes.count) return;
-    (server.*field.text).assign(object, quotes[open] + 1, quotes[open + 1] - quotes[open] - 1);
+    const char* value = object.data() + quotes[open] + 1;
+    server.*field.text = std::string(value, object.data() + quotes[open + 1]);
   }
 }
 
@@ -305,6 +320,8 @@ void ReadFields(std::string_view object, const Quotes& quotes, ServerRecord& ser
     if (field == kNone) continue;
     wanted &= ~(1U << field);
     ReadField(object, quotes, i, kFields[field], server);
+    // Up to the next quote there is a text with a colon in it: no key.
+    if (colonFollows) ++i;
   }
 }
 

@@ -216,6 +216,8 @@ TEST(ReadServerRecords, FindsWhatTheFlatReadersFind) {
       R"({"cxxxxxxxxxxx":"like city, but longer","city":"c"})",
       R"({"name":7})",
       R"({"x":"name","y":7})",
+      R"({"name":"city","city":"x","country":7,"server_id":"online","online":true})",  // keys as values
+      R"({"online":true,"name" : "longitude","longitude":2,"latitude":1,"city":"c"})",
       R"({"public_egress_at":"x","public_egress_ip":"y","longituda":1,"nama":"z"})",
       kWhole,
   };
