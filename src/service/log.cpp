@@ -4,6 +4,7 @@
 #include <charconv>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -15,42 +16,43 @@ namespace {
 constexpr wchar_t kLogFileName[] = L"vpnservice.log";
 constexpr wchar_t kLogFolder[] = L"\\sorvanik-vpn";
 constexpr uint32_t kEnvironmentBuffer = 260;  // wide characters, the terminator included
-constexpr size_t kStampSize = sizeof("[2026-05-04 03:02:01] ") - 1;
+constexpr size_t kStampCapacity = sizeof("[65535-05-04 03:02:01] ") - 1;
+constexpr size_t kUsualLine = 512;           // bytes
 constexpr uint32_t kNeutralLanguage = 1024;  // neutral language, default sub-language
 
-// Appends the number in decimal, with zeros in front up to so many digits.
-void AppendPadded(uint32_t number, size_t digits, std::string& text) {
-  char decimal[std::numeric_limits<uint32_t>::digits10 + 1];
-  const auto count = static_cast<size_t>(std::to_chars(decimal, std::end(decimal), number).ptr - decimal);
-  if (count < digits) text.append(digits - count, '0');
-  text.append(decimal, count);
-}
-
-// "[YYYY-MM-DD HH:MM:SS] " in local time. The main writer does not pad the year, the firewall's does.
-void AppendTimeStamp(size_t yearDigits, std::string& text) {
+// Writes "[YYYY-MM-DD HH:MM:SS] " in local time and returns its end. The main writer does not pad the year,
+// the firewall's does.
+char* PutTimeStamp(char* to, ptrdiff_t yearDigits) {
   const platform::SystemTime now = platform::GetLocalTime();
-  const std::pair<uint32_t, char> parts[] = {
-      {now.month, '-'}, {now.day, ' '}, {now.hour, ':'}, {now.minute, ':'}, {now.second, ']'}};
-  text += '[';
-  AppendPadded(now.year, yearDigits, text);
-  text += '-';
-  for (const auto& [number, behind] : parts) {
-    AppendPadded(number, 2, text);
-    text += behind;
+  char year[std::numeric_limits<uint16_t>::digits10 + 1];
+  const char* const yearEnd = std::to_chars(year, std::end(year), now.year).ptr;
+  *to++ = '[';
+  to = std::fill_n(to, std::max<ptrdiff_t>(yearDigits - (yearEnd - year), 0), '0');
+  to = std::copy<const char*>(year, yearEnd, to);
+  const std::pair<char, uint32_t> parts[] = {
+      {'-', now.month}, {'-', now.day}, {' ', now.hour}, {':', now.minute}, {':', now.second}};
+  for (const auto& [before, number] : parts) {
+    *to++ = before;
+    *to++ = static_cast<char>('0' + number / 10);
+    *to++ = static_cast<char>('0' + number % 10);
   }
-  text += ' ';
+  *to++ = ']';
+  *to++ = ' ';
+  return to;
 }
 
-// Each code unit becomes a byte; a carriage return is put before each line feed.
-void AppendNarrow(std::wstring_view units, std::string& text) {
-  const size_t before = text.size();
-  text.resize(before + 2 * units.size());
-  char* to = text.data() + before;
+// Writes the line's code units as bytes, with a carriage return before each line feed, and the end of the
+// line; returns its end. Wanted: a character without a one-byte form takes the rest of the line and its end
+// with it.
+char* PutNarrowLine(char* to, std::wstring_view units) {
   for (const wchar_t unit : units) {
+    if (unit > 0xFF) return to;
     if (unit == L'\n') *to++ = '\r';
     *to++ = static_cast<char>(unit);
   }
-  text.resize(static_cast<size_t>(to - text.data()));
+  *to++ = '\r';
+  *to++ = '\n';
+  return to;
 }
 
 // One append by a handle of its own: no lock is needed, and a log that was moved away is simply made again.
@@ -61,10 +63,6 @@ void AppendToLog(std::string_view bytes, uint32_t share) {
   uint32_t written = 0;
   platform::WriteFile(file, bytes.data(), static_cast<uint32_t>(bytes.size()), written);
   platform::CloseHandle(file);
-}
-
-bool HasNoByte(wchar_t unit) {
-  return unit > 0xFF;
 }
 
 // The system's message for `code`, without the trailing characters `dropped`, or `missing`.
@@ -90,14 +88,12 @@ std::wstring GetLogFilePath() {
 }
 
 void LogLine(const std::wstring& text) {
-  std::string bytes;
-  bytes.reserve(kStampSize + 2 * text.size() + 2);
-  AppendTimeStamp(1, bytes);
-  // Wanted: a character without a one-byte form takes the rest of the line and its end with it.
-  const auto cut = std::find_if(text.begin(), text.end(), HasNoByte);
-  AppendNarrow({text.begin(), cut}, bytes);
-  if (cut == text.end()) bytes += "\r\n";
-  AppendToLog(bytes, platform::kFileShareRead | platform::kFileShareWrite);
+  const size_t capacity = kStampCapacity + 2 * text.size() + 2;
+  char usual[kUsualLine];
+  const std::unique_ptr<char[]> larger(capacity > sizeof(usual) ? new char[capacity] : nullptr);
+  char* const begin = larger ? larger.get() : usual;
+  const char* const end = PutNarrowLine(PutTimeStamp(begin, 1), text);
+  AppendToLog({begin, end}, platform::kFileShareRead | platform::kFileShareWrite);
 }
 
 void LogLineUnlessEmpty(const wchar_t* label, const std::wstring& text) {
@@ -105,9 +101,9 @@ void LogLineUnlessEmpty(const wchar_t* label, const std::wstring& text) {
 }
 
 void WfpLogLine(const std::wstring& text) {
-  std::string stamp;
-  AppendTimeStamp(4, stamp);
-  const std::string bytes = WideToUtf8(std::wstring(stamp.begin(), stamp.end()) + text + L"\r\n");
+  char stamp[kStampCapacity];
+  char* const end = PutTimeStamp(stamp, 4);
+  const std::string bytes = WideToUtf8(std::wstring(&stamp[0], end) + text + L"\r\n");
   if (bytes.empty()) return;
   AppendToLog(bytes, platform::kFileShareRead | platform::kFileShareWrite | platform::kFileShareDelete);
 }

@@ -71,8 +71,10 @@ void RefreshSplitTunnelRoutes() {
   // Wanted: an address whose route failed counts as applied and is not tried again.
   gBypassIpsApplied = effective;
 
+  std::wstring line;
   for (const std::wstring& address : effective) {
-    LogLine(L"SplitTunnelV1: Update WFP bypass IP = " + address);
+    line.assign(L"SplitTunnelV1: Update WFP bypass IP = ").append(address);
+    LogLine(line);
   }
   if (!gWorkerOperations.UpdateSplitTunnelBypassAllowlistV4(effective)) {
     LogLine(L"WFP: split-bypass allowlist update FAILED (routes still updated)");

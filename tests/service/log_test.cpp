@@ -193,6 +193,17 @@ TEST(LogLine, WritesAZeroCharacter) {
   EXPECT_EQ(sim::LogBytes(), kStamp + std::string("a\0b\r\n", 5));
 }
 
+TEST(LogLine, WritesLinesOfAnyLength) {
+  sim::Machine machine;
+  std::string expected;
+  for (const size_t length : {1U, 100U, 243U, 244U, 245U, 246U, 488U, 512U, 5000U}) {
+    LogLine(std::wstring(length, L'\n'));
+    expected += kStamp;
+    for (size_t end = 0; end <= length; ++end) expected += "\r\n";
+  }
+  EXPECT_EQ(sim::LogBytes(), expected);
+}
+
 TEST(LogLine, OpensInAppendModeAndSharesReadingAndWriting) {
   sim::Machine machine;
   LogLine(L"a");
