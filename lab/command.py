@@ -275,7 +275,8 @@ def show_routes(laboratory, _):
     print("\n".join(listings.routes(laboratory.agent.routes())))
 
 
-# word: what does it, what follows it, what it is good for
+# word: what does it, what follows it, what it is good for. "..." at the end of what follows is not ours to
+# read, not even a --help.
 WORDS = {
     "ctl": (control, "...", "telvorctl, the service's command line; what follows is its own"),
     "send": (send, "LINE", "send one request line to the service and show its reply"),
@@ -340,6 +341,11 @@ def make_parser():
     return parser
 
 
+def passes_on(word):
+    """Whether all that follows goes on as it is."""
+    return word in WORDS and WORDS[word][1].endswith("...")
+
+
 def parse(arguments):
     """The options; ends the program, telling why, where they make no sense."""
     parser = make_parser()
@@ -347,9 +353,8 @@ def parse(arguments):
     def refuse(text):
         parser.exit(CANNOT_RUN, f"./run: {text}\n")
 
-    # What stands behind ctl or windows is not ours to read, not even a --help.
     word = next((index for index, text in enumerate(arguments) if not text.startswith("-")), None)
-    end = len(arguments) if word is None or arguments[word] not in ("ctl", "windows") else word + 1
+    end = len(arguments) if word is None or not passes_on(arguments[word]) else word + 1
     options = parser.parse_args(arguments[:end])
     options.rest += arguments[end:]
     if options.word is None:

@@ -204,9 +204,15 @@ def test_the_help_names_every_word_and_how_long_it_takes(capfdbinary):
     assert "--began" not in told.lower()
 
 
-def test_what_stands_behind_ctl_is_its_own():
-    assert command.parse(["ctl", "--help", "--keep"]).rest == ["--help", "--keep"]
-    assert command.parse(["ctl", "send", "a", "b"]).rest == ["send", "a", "b"]
+@pytest.mark.parametrize("word", ("ctl", "windows"))
+def test_what_stands_behind_a_word_that_passes_it_on_is_its_own(word):
+    assert command.parse([word, "--help", "--keep"]).rest == ["--help", "--keep"]
+    assert command.parse([word, "send", "a", "b"]).rest == ["send", "a", "b"]
+
+
+def test_an_option_behind_any_other_word_is_ours(capfdbinary):
+    assert refused(capfdbinary, "install", "--keep") == (
+        "./run: install stands alone, without --keep or --down\n")
 
 
 # What is said meanwhile
