@@ -9,12 +9,11 @@ import fcntl
 import hashlib
 import os
 import pathlib
-import re
 import shutil
 import subprocess
 import tempfile
 
-from lab import network
+from lab import network, product
 
 SERVICE = "TELVOR"
 PROGRAM_FOLDER = "Program Files/TELVOR"
@@ -144,12 +143,7 @@ def lay_standins(prefix, build, seed):
 
 def installer(build):
     """The MSI of the build, as it is before it is signed."""
-    return build / "package" / "unsigned" / f"telvor-{version()}.msi"
-
-
-def version():
-    text = (pathlib.Path(__file__).resolve().parent.parent / "CMakeLists.txt").read_text(encoding="utf-8")
-    return re.search(r"^project\(telvor VERSION ([0-9.]+)", text, re.MULTILINE).group(1)
+    return build / "package" / "unsigned" / f"telvor-{product.version()}.msi"
 
 
 def needed_files(build):

@@ -9,8 +9,6 @@ import sys
 
 import identity
 
-sys.path.insert(1, str(identity.ROOT))
-
 BUILD = identity.ROOT / "build" / "windows"
 PACKAGE = BUILD / "package"
 

@@ -2,18 +2,16 @@
 
 import os
 import pathlib
-import re
 import subprocess
+import sys
 import uuid
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(1, str(ROOT))
+
+from lab.product import version  # noqa: E402, F401
+
 NAMESPACE = uuid.uuid5(uuid.NAMESPACE_DNS, "telvor.test")
-
-
-def version(root=ROOT):
-    """The version that CMakeLists.txt states."""
-    text = (root / "CMakeLists.txt").read_text(encoding="utf-8")
-    return re.search(r"^project\(telvor VERSION (\d+\.\d+\.\d+)", text, re.MULTILINE).group(1)
 
 
 def commit_time(root=ROOT):

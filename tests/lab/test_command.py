@@ -13,7 +13,7 @@ import time
 import pytest
 
 from conftest import BUILD, ROOT
-from lab import claims, command, network, prefix, steps, windows
+from lab import claims, command, network, prefix, product, steps, windows
 from lab.laboratory import EMAIL, PASSWORD, Laboratory
 
 DONE, NOT_VERIFIED, CANNOT_RUN, INTERRUPTED = 0, 1, 2, 130
@@ -108,7 +108,7 @@ def test_it_can_be_removed_and_installed_again(kept, capfdbinary):
     for words in (("start",), ("ctl", "status")):
         assert run(capfdbinary, *words) == (
             NOT_VERIFIED, "", "TELVOR is not installed; ./run install installs it.\n")
-    assert run(capfdbinary, "install") == (DONE, f"installed; TELVOR {prefix.version()} is there\n", "")
+    assert run(capfdbinary, "install") == (DONE, f"installed; TELVOR {product.version()} is there\n", "")
     windows.wait_for_service(kept, "RUNNING")
 
 

@@ -6,7 +6,7 @@ import sys
 import conftest
 import pytest
 from lab import laboratory as laboratories
-from lab import prefix, windows
+from lab import prefix, product, windows
 
 sys.path.insert(0, str(conftest.ROOT / "packaging"))
 
@@ -33,7 +33,7 @@ def packages(tmp_path_factory):
     """{version: MSI} of versions before and after this one, and of another build of this one."""
     folder = tmp_path_factory.mktemp("packages")
     make_msi.lay_out(folder / "files", conftest.BUILD)
-    made = {version: folder / f"telvor-{version}.msi" for version in (OLDER, prefix.version(), NEWER)}
+    made = {version: folder / f"telvor-{version}.msi" for version in (OLDER, product.version(), NEWER)}
     with (folder / "files" / make_msi.NOTICES).open("a", encoding="utf-8") as notices:
         notices.write(OTHER_BUILD)
     for version, msi in made.items():
@@ -122,7 +122,7 @@ def test_installation_lays_down_registers_and_starts(installed):
     assert (values["Type"], values["Start"], values["ObjectName"]) == ("0x10", "0x2", "LocalSystem")
     assert values["ImagePath"].strip('"') == prefix.EXECUTABLE and "WireGuard tunnel" in values["Description"]
     assert r"C:\Program Files\TELVOR" in machine_path(installed)
-    assert list(windows.installed_products(installed).values()) == [prefix.version()]
+    assert list(windows.installed_products(installed).values()) == [product.version()]
 
 
 def test_start_can_be_left_for_later(machine):
@@ -152,7 +152,7 @@ def test_upgrade_while_connected_keeps_session_keys_and_policy(machine, packages
     machine.pipe.close()
     windows.install(machine)
     windows.wait_for_service(machine, "RUNNING")
-    assert list(windows.installed_products(machine).values()) == [prefix.version()]
+    assert list(windows.installed_products(machine).values()) == [product.version()]
     assert key.read_bytes() == before and seed(machine).read_text() == SEED
     assert (drive(machine) / prefix.LOG_FILE).read_bytes().startswith(log)
     assert all(program(machine, name).is_file() for name in (*make_msi.PROGRAMS, make_msi.NOTICES))
@@ -174,13 +174,13 @@ def test_stopped_service_is_upgraded_and_started(machine, packages):
     windows.install(machine, "STARTSERVICE=0", msi=packages[OLDER])
     windows.install(machine)
     windows.wait_for_service(machine, "RUNNING")
-    assert list(windows.installed_products(machine).values()) == [prefix.version()]
+    assert list(windows.installed_products(machine).values()) == [product.version()]
 
 
 def test_another_build_of_the_same_version_replaces_this_one(installed, packages):
-    windows.install(installed, msi=packages[prefix.version()])
+    windows.install(installed, msi=packages[product.version()])
     windows.wait_for_service(installed, "RUNNING")
-    assert list(windows.installed_products(installed).values()) == [prefix.version()]
+    assert list(windows.installed_products(installed).values()) == [product.version()]
     assert program(installed, make_msi.NOTICES).read_text(encoding="utf-8").endswith(OTHER_BUILD)
 
 
