@@ -2,7 +2,6 @@
 
 import argparse
 import hashlib
-import re
 import shutil
 import subprocess
 import sys
@@ -13,9 +12,21 @@ BUILD = identity.ROOT / "build" / "windows"
 PACKAGE = BUILD / "package"
 
 
+def base_url_option(control_plane):
+    """For CMake: None is the laboratory's, whichever was built for last."""
+    return "-UTELVOR_CP_BASE_URL" if control_plane is None else f"-DTELVOR_CP_BASE_URL={control_plane}"
+
+
+def objection(control_plane):
+    """What the build has against this control plane, as a sentence; empty if nothing."""
+    command = ["cmake", base_url_option(control_plane), "-P", "cmake/BaseUrl.cmake"]
+    done = subprocess.run(command, cwd=identity.ROOT, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    # CMake's first line tells where; the others are the sentence, broken into lines.
+    return " ".join(done.stderr.partition("\n")[2].split()) if done.returncode else ""
+
+
 def build(control_plane):
-    base_url = f"-DTELVOR_CP_BASE_URL={control_plane}" if control_plane else "-UTELVOR_CP_BASE_URL"
-    for command in (["cmake", "--preset", "windows", base_url],
+    for command in (["cmake", "--preset", "windows", base_url_option(control_plane)],
                     ["cmake", "--build", "--preset", "windows", "--target", "telvor", "telvorctl"]):
         done = subprocess.run(command, cwd=identity.ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                               text=True)
@@ -62,10 +73,10 @@ def main():
                         "build: https, a host, an optional port, no path; without it the laboratory's")
     sign.add_options(parser)
     options = parser.parse_args()
-    if options.control_plane and not re.fullmatch(r"https://[^/:@?#\"\\ ]+(:[0-9]+)?", options.control_plane):
-        parser.error("--control-plane takes an https URL without a path, such as https://cp.example.com:8443")
     try:
         requirements.install(requirements.BUILD, requirements.PACKAGE)
+        if wrong := objection(options.control_plane):
+            parser.error(wrong)
         print("building telvor.exe and telvorctl.exe", flush=True)
         build(options.control_plane)
         print("signing, packing, signing", flush=True)

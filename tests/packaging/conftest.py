@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 
@@ -13,6 +14,21 @@ sys.path.insert(0, str(ROOT / "packaging"))
 import make_msi  # noqa: E402
 
 BUILD = pathlib.Path(os.environ.get("TELVOR_LAB_BUILD", ROOT / "build" / "windows"))
+
+
+def copy_tree(target):
+    """The sources without a history, and what cannot be fetched everywhere."""
+    names = subprocess.run(["git", "-c", f"safe.directory={ROOT}", "-C", str(ROOT), "ls-files", "-z",
+                            "--cached", "--others", "--exclude-standard"],
+                           check=True, stdout=subprocess.PIPE).stdout
+    for name in filter(None, names.decode().split("\0")):
+        if (ROOT / name).exists():
+            (target / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(ROOT / name, target / name)
+    for archive in (BUILD / "monocypher").glob("*gz"):
+        kept = target / "build" / "windows" / "monocypher"
+        kept.mkdir(parents=True)
+        shutil.copy(archive, kept)
 
 
 @pytest.fixture(scope="session")

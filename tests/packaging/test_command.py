@@ -2,6 +2,8 @@
 
 import hashlib
 import json
+import os
+import shutil
 import subprocess
 
 import command
@@ -9,7 +11,7 @@ import make_msi
 import pytest
 import sign
 import spdx_rules
-from conftest import BUILD, ROOT
+from conftest import BUILD, copy_tree
 
 
 @pytest.fixture(scope="module")
@@ -52,8 +54,53 @@ def test_bill_tells_of_the_signed_files(handed_out):
         assert wanted == sums["msi" if path == msi else f"./{path.name}"]
 
 
-@pytest.mark.parametrize("url", ["http://cp.example.com", "https://cp.example.com/api", "https://cp.example.com:"])
-def test_a_control_plane_that_is_none_is_refused_before_anything_is_built(url):
-    done = subprocess.run([ROOT / "package", "--control-plane", url], stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True)
-    assert done.returncode == 2 and "takes an https URL without a path" in done.stdout
+# What decides for which control plane is built
+
+
+# Lets a URL be judged, notes a configuration, and ends there.
+FIRST_CONFIGURATION = """#!/bin/sh
+case " $* " in *' -P '*) exec {cmake} "$@" ;; esac
+echo "$@" >>{notes}
+exit 1
+"""
+
+
+@pytest.fixture(scope="module")
+def first_configuration(tmp_path_factory):
+    """Begins a command in a tree of its own; gives the configurations that it came to, the first at most, and
+    what it said."""
+    folder = tmp_path_factory.mktemp("first-configuration")
+    tree, programs, notes = (folder / name for name in ("tree", "programs", "notes"))
+    copy_tree(tree)
+    programs.mkdir()
+    (programs / "cmake").write_text(FIRST_CONFIGURATION.format(cmake=shutil.which("cmake"), notes=notes))
+    (programs / "cmake").chmod(0o755)
+
+    def begin(*words):
+        notes.unlink(missing_ok=True)
+        environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}"}
+        done = subprocess.run(words, cwd=tree, env=environment, text=True, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        assert done.returncode != 0
+        return notes.read_text().splitlines() if notes.exists() else [], done.stdout
+
+    return begin
+
+
+NO_HTTPS_URL = ("The control plane's base URL must be an https URL without a path, such as "
+                "https://cp.example.com:8443, but it is '{url}'.")
+NO_PORT = "The control plane's base URL names port {port}; a port lies between 1 and 65535."
+REFUSED = {
+    **{url: NO_HTTPS_URL.format(url=url) for url in (
+        "", "nonsense", "http://cp.example.com", "https://", "https://cp.example.com/api",
+        "https://cp.example.com:", "https://cp.example.com;x", "https://$cp.example.com",
+        'https://cp."example".com',
+    )},
+    **{f"https://cp.example.com:{port}": NO_PORT.format(port=port) for port in (0, 65536, 123456)},
+}
+
+
+@pytest.mark.parametrize("url", REFUSED)
+def test_a_control_plane_that_is_none_is_refused_before_anything_is_built(first_configuration, url):
+    configured, said = first_configuration("./package", "--control-plane", url)
+    assert configured == [] and said.endswith(f"\n./package: error: {REFUSED[url]}\n")

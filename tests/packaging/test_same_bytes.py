@@ -3,13 +3,12 @@
 import os
 import pathlib
 import pwd
-import shutil
 import subprocess
 import tempfile
 
 import identity
 import pytest
-from conftest import BUILD, ROOT
+from conftest import BUILD, copy_tree
 
 OTHER_USER = "nobody"
 PRODUCTS = ("bin/telvor.exe", "bin/telvorctl.exe", f"package/unsigned/telvor-{identity.version()}.msi")
@@ -32,21 +31,6 @@ def base_url():
     cache = (BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
     return next(line.partition("=")[2] for line in cache.splitlines()
                 if line.startswith("TELVOR_CP_BASE_URL:"))
-
-
-def copy_tree(target):
-    """The sources without a history, and what cannot be fetched everywhere."""
-    names = subprocess.run(["git", "-c", f"safe.directory={ROOT}", "-C", str(ROOT), "ls-files", "-z",
-                            "--cached", "--others", "--exclude-standard"],
-                           check=True, stdout=subprocess.PIPE).stdout
-    for name in filter(None, names.decode().split("\0")):
-        if (ROOT / name).exists():
-            (target / name).parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(ROOT / name, target / name)
-    for archive in (BUILD / "monocypher").glob("*gz"):
-        kept = target / "build" / "windows" / "monocypher"
-        kept.mkdir(parents=True)
-        shutil.copy(archive, kept)
 
 
 @pytest.fixture
