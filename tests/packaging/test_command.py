@@ -87,6 +87,18 @@ def first_configuration(tmp_path_factory):
     return begin
 
 
+@pytest.mark.parametrize("words, configuration", [
+    (["./package", "--control-plane", "https://vpn.example.net:444"],
+     "--preset windows -DTELVOR_CP_BASE_URL=https://vpn.example.net:444"),
+    (["./package"], "--preset windows -UTELVOR_CP_BASE_URL"),
+    (["./run"], "--preset windows -UTELVOR_CP_BASE_URL"),
+    (["./bench"], "--preset windows -UTELVOR_CP_BASE_URL"),
+    (["./test", "--quick"], "--preset native -UTELVOR_CP_BASE_URL"),
+])
+def test_every_command_says_for_which_control_plane_it_builds(first_configuration, words, configuration):
+    assert first_configuration(*words)[0] == [configuration]
+
+
 NO_HTTPS_URL = ("The control plane's base URL must be an https URL without a path, such as "
                 "https://cp.example.com:8443, but it is '{url}'.")
 NO_PORT = "The control plane's base URL names port {port}; a port lies between 1 and 65535."
