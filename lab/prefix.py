@@ -26,13 +26,14 @@ SERVER_NOTE, SERVER_FOLDER = "wineserver", "wine-server"
 EXECUTABLE = r"C:\Program Files\TELVOR\telvor.exe"
 TELVORCTL = r"C:\Program Files\TELVOR\telvorctl.exe"
 WIREGUARD_PROGRAMS = ("wireguard.exe", "wg.exe")
-# Replaced by stand-ins for the service alone: every other program keeps Wine's own.
+# Replaced by stand-ins for these programs alone: every other one keeps Wine's own.
 REPLACED_LIBRARIES = ("fwpuclnt", "iphlpapi")
+REPLACED_FOR = {"telvor.exe": REPLACED_LIBRARIES, "telvorctl.exe": ("iphlpapi",)}
 # Key, value, kind, data. Wine makes a service's ProgramData from the public user's folder: with that folder
 # told to be the real one, a service finds what every other program and every Windows has.
 REGISTRY = tuple(
-    (r"HKCU\Software\Wine\AppDefaults\telvor.exe\DllOverrides", library, "REG_SZ", "native")
-    for library in REPLACED_LIBRARIES
+    (rf"HKCU\Software\Wine\AppDefaults\{program}\DllOverrides", library, "REG_SZ", "native")
+    for program, libraries in REPLACED_FOR.items() for library in libraries
 ) + (
     (r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\ProfileList", "Public", "REG_EXPAND_SZ",
      r"C:\ProgramData"),

@@ -6,7 +6,7 @@ import sys
 import conftest
 import pytest
 from lab import laboratory as laboratories
-from lab import prefix, product, windows
+from lab import network, prefix, product, windows
 
 sys.path.insert(0, str(conftest.ROOT / "packaging"))
 
@@ -17,6 +17,7 @@ OTHER_BUILD = "Another build's last line.\n"
 FAILED = 1603 & 0xFF  # Wine's exit codes have eight bits here
 PATH_KEY = r"HKLM\System\CurrentControlSet\Control\Session Manager\Environment"
 SERVICE_KEY = rf"HKLM\System\CurrentControlSet\Services\{prefix.SERVICE}"
+ADMINISTRATORS_HOST = "198.18.3.77"
 SEED = "[domains]\nsite.telvor.test\n[ips]\n198.18.4.10\n# the administrator's own line\n"
 
 
@@ -59,15 +60,19 @@ def installed(machine):
 
 
 @pytest.fixture
-def connected(installed):
-    connect(installed)
-    return installed
+def connected(machine):
+    install_and_connect(machine)
+    return machine
 
 
-def connect(laboratory):
+def install_and_connect(laboratory, msi=None):
+    """With what bypasses the tunnel, too: the first start takes it up."""
+    windows.install(laboratory, "STARTSERVICE=0", msi=msi)
     seed(laboratory).write_text(SEED)
+    laboratory.start_service()
     assert laboratory.log_in()["ok"] is True
     conftest.connect(laboratory)
+    assert set(network.BYPASSED) <= set(host_routes(laboratory))
 
 
 def drive(laboratory):
@@ -98,6 +103,11 @@ def assert_nothing_is_left_in_force(laboratory):
     assert conftest.traces(laboratory) == []
     assert not program(laboratory).exists() and not program(laboratory, "telvorctl.exe").exists()
     assert prefix.PROGRAM_FOLDER.rpartition("/")[2] not in machine_path(laboratory)
+
+
+def host_routes(laboratory):
+    return {row["destination"]: {name: value for name, value in row.items() if name != "interface"}
+            for row in laboratory.agent.routes() if row["prefix_length"] == 32}
 
 
 def machine_path(laboratory):
@@ -143,9 +153,7 @@ def test_without_wireguard_nothing_is_installed(machine):
 
 
 def test_upgrade_while_connected_keeps_session_keys_and_policy(machine, packages):
-    windows.install(machine, msi=packages[OLDER])
-    windows.wait_for_service(machine, "RUNNING")
-    connect(machine)
+    install_and_connect(machine, packages[OLDER])
     key = drive(machine) / prefix.DATA_FOLDER / "auth" / "wg_client_privatekey.txt"
     before = key.read_bytes()
     log = (drive(machine) / prefix.LOG_FILE).read_bytes()
@@ -217,18 +225,20 @@ def test_removal_that_erases_leaves_nothing(connected):
     assert not seed(connected).exists()
 
 
-def test_removal_of_a_killed_service_clears_the_filters_and_the_tunnel(connected):
+def test_removal_of_a_killed_service_clears_routes_filters_and_the_tunnel(connected):
     connected.pipe.close()
     windows.kill_service(connected)
-    assert connected.agent.tunnels()
+    left = host_routes(connected)
+    assert connected.agent.tunnels() and connected.agent.snapshot()["filters"]
+    own = {**left[network.SITE.address], "destination": ADMINISTRATORS_HOST}
+    connected.agent.call("route_create", **own)
     remove(connected)
-    assert windows.service_state(connected) == windows.NO_SUCH_SERVICE
-    assert windows.service_state(connected, windows.TUNNEL_SERVICE) == windows.NO_SUCH_SERVICE
     # Wine does not wait for the end of a service that was just started.
     conftest.wait_until(lambda: windows.service_processes(connected), lambda found: not found, 30,
                         "the end of the process")
-    assert connected.agent.tunnels() == [] and connected.agent.snapshot()["filters"] == []
-    conftest.clear_left_routes(connected)  # known: they stay until Windows is restarted
+    assert list(host_routes(connected)) == [ADMINISTRATORS_HOST]
+    connected.agent.call("route_delete", **own)
+    assert_nothing_is_left_in_force(connected)
 
 
 def test_removal_of_a_stopped_service_takes_the_tunnel_along(connected):

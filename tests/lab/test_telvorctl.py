@@ -196,6 +196,20 @@ def test_stop_ends_the_service(lab):
     lab.start_service()
 
 
+def test_routes_that_a_killed_service_left_are_shown_and_removed(connected):
+    in_use = ctl(connected, "routes", "--remove", code=FAILED)
+    assert in_use.errors == ("telvorctl: the tunnel is connected, its routes are in use; "
+                             "first: telvorctl disconnect\n")
+    windows.kill_service(connected)
+    connected.pipe.close()
+    left = result(connected, "routes")["routes"]
+    assert {route["destination"] for route in left} == set(network.BYPASSED)
+    removed = ctl(connected, "routes", "--remove").output.splitlines()
+    assert len(removed) == 1 + len(left) and all(line.endswith("removed") for line in removed[1:])
+    assert ctl(connected, "routes").output == "The service has left no route.\n"
+    assert not {row["destination"] for row in connected.agent.routes()} & set(network.BYPASSED)
+
+
 # Exit codes
 
 

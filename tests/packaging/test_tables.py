@@ -60,6 +60,7 @@ def test_actions_come_in_an_order_that_works(table):
               "InstallInitialize", "RemoveExistingProducts",
               "StartAgain", "SetRecoveryAgain", "RecoverFromErrorsAgain",
               "ClearLeftFilters", "StopOrderly", "StopServices", "RemoveTunnel", "RemoveTunnelService",
+              "RemoveLeftRoutes",
               "DeleteServices", "RemoveEnvironmentStrings", "RemoveFiles", "RemoveFolders",
               "CreateFolders", "InstallFiles",
               "WriteEnvironmentStrings", "InstallServices", "SetRecovery", "StartServices", "PublishProduct",
@@ -72,15 +73,22 @@ def test_commands_run_with_all_rights_and_by_full_paths(table):
     properties = {row["Source"]: row["Target"] for row in actions if int(row["Type"]) == SET_PROPERTY}
     assert properties and all(target.startswith("[System64Folder]") for target in properties.values())
     commands = {row["Action"]: row for row in actions if int(row["Type"]) != SET_PROPERTY}
-    own = commands.pop("StopOrderly")
-    assert (own["Source"], own["Target"]) == ("telvorctl.exe", "stop")
-    assert int(own["Type"]) == INSTALLED_EXECUTABLE | DEFERRED_AS_SYSTEM | GOES_ON
+    for name, words in {"StopOrderly": "stop", "RemoveLeftRoutes": "routes --remove"}.items():
+        own = commands.pop(name)
+        assert (own["Source"], own["Target"]) == ("telvorctl.exe", words)
+        assert int(own["Type"]) == INSTALLED_EXECUTABLE | DEFERRED_AS_SYSTEM | GOES_ON
     assert len(commands) == 9
     for name, row in commands.items():
         assert row["Source"] in properties
         undoes = ROLLBACK if name.endswith("Again") else 0
         assert int(row["Type"]) == EXECUTABLE_BY_PROPERTY | DEFERRED_AS_SYSTEM | GOES_ON | undoes
         assert len(row["Target"]) <= 255  # the column's width
+
+
+def test_what_was_left_is_cleared_by_every_removal(table):
+    places = by(table("InstallExecuteSequence"), "Action")
+    for name in ("ClearLeftFilters", "RemoveTunnel", "RemoveTunnelService", "RemoveLeftRoutes"):
+        assert places[name]["Condition"] == 'REMOVE="ALL"'
 
 
 def test_erasing_is_for_a_removal_that_asks_for_it_alone(table):

@@ -9,9 +9,10 @@ namespace {
 using namespace telvorctl_test;
 
 const std::vector<std::string> kCommands = {
-    "status",   "watch",    "connect",     "disconnect",   "locations",   "select",  "login",
-    "logout",   "register", "registered",  "reset",        "reset-start", "quota",   "reset-confirm",
-    "checkout", "logs",     "entitlement", "account-page", "request",     "support", "stop",
+    "status",  "watch",         "connect",  "disconnect", "locations",   "select",
+    "login",   "logout",        "register", "registered", "reset",       "reset-start",
+    "quota",   "reset-confirm", "checkout", "logs",       "entitlement", "account-page",
+    "request", "support",       "stop",     "routes",
 };
 
 void ExpectFitsAScreen(const std::string& text) {

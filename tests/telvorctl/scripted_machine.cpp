@@ -20,6 +20,7 @@ namespace telvorctl::platform {
 
 namespace {
 
+constexpr size_t kPiece = 7;  // so small that it parts everything somewhere
 constexpr Time kWritten = {2026, 1, 2, 3, 4, 5};
 
 bool IsIn(const std::vector<FolderEntry>& entries, const std::string& name) {
@@ -63,6 +64,13 @@ FileBytes ReadFileEnd(const std::string& path, size_t most) {
   return {kErrorSuccess, bytes.size(), bytes.substr(bytes.size() - std::min(most, bytes.size()))};
 }
 
+uint32_t ReadFileInPieces(const std::string& path, const std::function<void(std::string_view)>& take) {
+  const FileBytes file = ReadFileEnd(path, SIZE_MAX);
+  for (size_t at = 0; at < file.bytes.size(); at += kPiece)
+    take(std::string_view(file.bytes).substr(at, kPiece));
+  return file.error;
+}
+
 uint32_t WriteNewFile(const std::string& path, const std::string& bytes) {
   if (const auto found = gMachine.unreadable.find(path); found != gMachine.unreadable.end())
     return found->second;
@@ -92,8 +100,18 @@ std::vector<Adapter> ListAdapters() {
   return gMachine.adapters;
 }
 
-std::vector<Route> ListRoutes() {
-  return gMachine.routes;
+RouteTable ListRoutes() {
+  if (gMachine.routesError != kErrorSuccess) return {gMachine.routesError, {}};
+  return {kErrorSuccess, gMachine.routes};
+}
+
+uint32_t RemoveRoute(const Route& route) {
+  if (gMachine.removalError != kErrorSuccess) return gMachine.removalError;
+  const size_t removed = std::erase_if(gMachine.routes, [&](const Route& each) {
+    return each.destination == route.destination && each.prefixLength == route.prefixLength &&
+           each.nextHop == route.nextHop && each.adapterIndex == route.adapterIndex;
+  });
+  return removed > 0 ? kErrorSuccess : kErrorNotFound;
 }
 
 }  // namespace telvorctl::platform

@@ -1,4 +1,4 @@
-// The machine that the support report looks at, as a test wants it.
+// The machine that telvorctl looks at, as a test wants it.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,9 @@ struct ScriptedMachine {
   std::map<std::string, telvorctl::platform::ServiceFacts> services;
   std::vector<telvorctl::platform::Adapter> adapters;
   std::vector<telvorctl::platform::Route> routes;
-  std::string link;  // a folder that is only a link to another
+  uint32_t routesError = 0;   // of listing them
+  uint32_t removalError = 0;  // of removing one
+  std::string link;           // a folder that is only a link to another
   telvorctl::platform::WindowsFacts windows{10, 0, 19045, 1252, "de-DE"};
 };
 

@@ -157,7 +157,7 @@ const std::vector<Floor>& Floors() {
       {0,
        {"telvorctl/platform", "telvorctl/machine", "telvorctl/windows_text", "telvorctl/startup",
         "telvorctl/exit_codes", "telvorctl/options", "telvorctl/json"}},
-      {1, {"telvorctl/text"}},
+      {1, {"telvorctl/text", "telvorctl/machine_text", "telvorctl/left_routes"}},
       {2, {"telvorctl/terminal", "telvorctl/service_client", "telvorctl/masking"}},
       {3, {"telvorctl/conclusion", "telvorctl/rendering", "telvorctl/waiting", "telvorctl/support_report"}},
       {5, {"telvorctl/command_line"}},

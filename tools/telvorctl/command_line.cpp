@@ -10,6 +10,7 @@
 #include "telvorctl/log_commands.h"
 #include "telvorctl/options.h"
 #include "telvorctl/platform.h"
+#include "telvorctl/route_commands.h"
 #include "telvorctl/support_commands.h"
 #include "telvorctl/terminal.h"
 #include "telvorctl/text.h"
@@ -99,6 +100,14 @@ void TakeReportFile(CLI::App& app, Options& options) {
       "this computer and its networks stay. Read it before you give it away.");
 }
 
+void TakeRemove(CLI::App& app, Options& options) {
+  app.add_flag("--remove", options.remove, "remove them; from an elevated prompt");
+  app.footer(
+      "Routes of addresses that bypass the tunnel stay when the service was killed\n"
+      "and when a connect failed. The service's are those whose address its log\n"
+      "tells; other routes are left alone.");
+}
+
 constexpr Command kCommands[] = {
     {"status", "tunnel and account", TakeBrief, ShowStatus},
     {"watch", "the status, redrawn", TakeInterval, WatchStatus},
@@ -119,6 +128,7 @@ constexpr Command kCommands[] = {
     {"account-page", "a link to the account", TakeNothing, ShowAccountPageLink},
     {"logs", "the service's log", TakeLogOptions, ShowLogs},
     {"request", "send a raw line", TakeLine, SendRequest},
+    {"routes", "routes left behind", TakeRemove, ShowLeftRoutes},
     {"support", "a report for support", TakeReportFile, ReportForSupport},
     {"stop", "stop the service", TakeNothing, StopService},
 };

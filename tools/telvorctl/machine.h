@@ -1,11 +1,13 @@
-// What the support report looks at on the machine: files, services, versions, adapters, routes.
+// What telvorctl looks at on the machine itself: files, services, versions, adapters, routes.
 // Translated by machine_windows.cpp without a decision in it; the tests put a scripted machine in its place.
 // All texts and paths are UTF-8; an error is Windows' code, 0 (ERROR_SUCCESS) if there was none.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace telvorctl::platform {
@@ -14,6 +16,9 @@ namespace telvorctl::platform {
 inline constexpr uint32_t kErrorPathNotFound = 3;
 inline constexpr uint32_t kErrorFileExists = 80;
 inline constexpr uint32_t kErrorServiceDoesNotExist = 1060;
+inline constexpr uint32_t kErrorNotFound = 1168;
+// MIB_IPPROTO_NETMGMT: set by an administrator or a program, not by a protocol.
+inline constexpr uint32_t kMadeByHand = 3;
 
 struct Time {
   uint16_t year = 0;
@@ -51,6 +56,10 @@ struct FileBytes {
 
 // The last `most` bytes of the file, all of them if it has no more. Others may go on writing to it.
 FileBytes ReadFileEnd(const std::string& path, size_t most);
+
+// Gives all of the file, piece by piece, as it was when it was opened or longer. Others may go on writing to
+// it.
+uint32_t ReadFileInPieces(const std::string& path, const std::function<void(std::string_view)>& take);
 
 // Makes the file with these bytes. kErrorFileExists if there is one of that name.
 uint32_t WriteNewFile(const std::string& path, const std::string& bytes);
@@ -98,9 +107,18 @@ struct Route {
   uint32_t nextHop = 0;
   uint32_t adapterIndex = 0;
   uint32_t metric = 0;
+  uint32_t protocol = 0;
 };
 
-// Those of IPv4.
-std::vector<Route> ListRoutes();
+struct RouteTable {
+  uint32_t error = 0;
+  std::vector<Route> routes;
+};
+
+// Of IPv4.
+RouteTable ListRoutes();
+
+// By destination, next hop and adapter. kErrorNotFound if it is gone already.
+uint32_t RemoveRoute(const Route& route);
 
 }  // namespace telvorctl::platform

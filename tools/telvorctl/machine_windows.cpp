@@ -54,6 +54,13 @@ FolderEntry EntryOf(const WIN32_FIND_DATAW& found) {
           (uint64_t{found.nFileSizeHigh} << 32) | found.nFileSizeLow, LocalTimeOf(found.ftLastWriteTime)};
 }
 
+// INVALID_HANDLE_VALUE as CreateFileW.
+HANDLE OpenToRead(const std::string& path) {
+  constexpr DWORD kShared = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  return CreateFileW(Utf8ToWide(path).c_str(), GENERIC_READ, kShared, nullptr, OPEN_EXISTING,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
 DWORD ReadAll(HANDLE file, std::string& bytes) {
   size_t done = 0;
   while (done < bytes.size()) {
@@ -94,7 +101,8 @@ Adapter AdapterOf(const IP_ADAPTER_ADDRESSES& found) {
 }  // namespace
 
 static_assert(kErrorPathNotFound == ERROR_PATH_NOT_FOUND && kErrorFileExists == ERROR_FILE_EXISTS &&
-              kErrorServiceDoesNotExist == ERROR_SERVICE_DOES_NOT_EXIST);
+              kErrorServiceDoesNotExist == ERROR_SERVICE_DOES_NOT_EXIST &&
+              kErrorNotFound == ERROR_NOT_FOUND && int{kMadeByHand} == MIB_IPPROTO_NETMGMT);
 
 Time LocalTime() {
   SYSTEMTIME now;
@@ -126,9 +134,7 @@ Folder ListFolder(const std::string& path) {
 
 FileBytes ReadFileEnd(const std::string& path, size_t most) {
   FileBytes file;
-  constexpr DWORD kShared = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const HANDLE opened = CreateFileW(Utf8ToWide(path).c_str(), GENERIC_READ, kShared, nullptr, OPEN_EXISTING,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+  const HANDLE opened = OpenToRead(path);
   if (opened == INVALID_HANDLE_VALUE) {
     file.error = GetLastError();
     return file;
@@ -143,6 +149,21 @@ FileBytes ReadFileEnd(const std::string& path, size_t most) {
   SetFilePointerEx(opened, begin, nullptr, FILE_BEGIN);
   file.error = ReadAll(opened, file.bytes);
   return file;
+}
+
+uint32_t ReadFileInPieces(const std::string& path, const std::function<void(std::string_view)>& take) {
+  constexpr size_t kPiece = size_t{1} << 20;
+  const HANDLE opened = OpenToRead(path);
+  if (opened == INVALID_HANDLE_VALUE) return GetLastError();
+  const OwnedHandle owner(opened);
+  std::string bytes;
+  do {
+    bytes.resize(kPiece);
+    const DWORD error = ReadAll(opened, bytes);
+    if (error != ERROR_SUCCESS) return error;
+    take(bytes);
+  } while (bytes.size() == kPiece);
+  return ERROR_SUCCESS;
 }
 
 uint32_t WriteNewFile(const std::string& path, const std::string& bytes) {
@@ -227,17 +248,29 @@ std::vector<Adapter> ListAdapters() {
   return adapters;
 }
 
-std::vector<Route> ListRoutes() {
+RouteTable ListRoutes() {
   MIB_IPFORWARD_TABLE2* table = nullptr;
-  if (GetIpForwardTable2(AF_INET, &table) != NO_ERROR) return {};
-  std::vector<Route> routes;
+  RouteTable found{GetIpForwardTable2(AF_INET, &table), {}};
+  if (found.error != NO_ERROR) return found;
   for (ULONG i = 0; i < table->NumEntries; ++i) {
     const MIB_IPFORWARD_ROW2& row = table->Table[i];
-    routes.push_back({row.DestinationPrefix.Prefix.Ipv4.sin_addr.s_addr, row.DestinationPrefix.PrefixLength,
-                      row.NextHop.Ipv4.sin_addr.s_addr, row.InterfaceIndex, row.Metric});
+    found.routes.push_back({row.DestinationPrefix.Prefix.Ipv4.sin_addr.s_addr,
+                            row.DestinationPrefix.PrefixLength, row.NextHop.Ipv4.sin_addr.s_addr,
+                            row.InterfaceIndex, row.Metric, static_cast<uint32_t>(row.Protocol)});
   }
   FreeMibTable(table);
-  return routes;
+  return found;
+}
+
+uint32_t RemoveRoute(const Route& route) {
+  MIB_IPFORWARD_ROW2 row = {};
+  row.InterfaceIndex = route.adapterIndex;
+  row.DestinationPrefix.Prefix.si_family = AF_INET;
+  row.DestinationPrefix.Prefix.Ipv4.sin_addr.s_addr = route.destination;
+  row.DestinationPrefix.PrefixLength = route.prefixLength;
+  row.NextHop.si_family = AF_INET;
+  row.NextHop.Ipv4.sin_addr.s_addr = route.nextHop;
+  return DeleteIpForwardEntry2(&row);
 }
 
 }  // namespace telvorctl::platform

@@ -15,6 +15,7 @@ struct Options {
   bool passwordFromInput = false;
   bool recent = false;
   bool follow = false;
+  bool remove = false;
   uint32_t timeoutSeconds = 60;
   uint32_t intervalSeconds = 2;
   uint32_t lines = 0;  // 0: as many as the service gives unless it is told

@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "telvorctl/machine.h"
+#include "telvorctl/machine_text.h"
 #include "telvorctl/options.h"
 #include "telvorctl/platform.h"
 #include "telvorctl/text.h"
@@ -20,38 +21,16 @@ constexpr const char* kWireGuardPrograms[] = {"wireguard.exe", "wg.exe"};
 constexpr char kWireGuardFolder[] = "C:\\Program Files\\WireGuard\\";
 constexpr char kDataFolder[] = "C:\\ProgramData\\TELVOR";
 constexpr char kMarkerFolder[] = "C:\\VPN\\stage";
-constexpr char kLogFolder[] = "\\sorvanik-vpn";
-constexpr char kLogFile[] = "\\vpnservice.log";
 constexpr const char* kDropFiles[] = {"after_entered.txt", "step1.txt", "cpp_exception.txt",
                                       "cpp_exception_unknown.txt"};
 constexpr size_t kMostNoteBytes = 4096;  // of a marker or drop file
 constexpr size_t kMostLogBytes = size_t{4} << 20;
 constexpr int kDeepestFolder = 4;
 
-struct Word {
-  uint32_t number;
-  const char* text;
-};
-
 constexpr Word kStates[] = {{1, "stopped"},        {2, "starting"}, {3, "stopping"}, {4, "running"},
                             {5, "about to go on"}, {6, "pausing"},  {7, "paused"}};
 constexpr Word kStartTypes[] = {
     {0, "by the boot loader"}, {1, "with the system"}, {2, "automatic"}, {3, "on demand"}, {4, "disabled"}};
-constexpr Word kErrors[] = {{platform::kErrorFileNotFound, "not there"},
-                            {platform::kErrorPathNotFound, "not there"},
-                            {platform::kErrorAccessDenied, "access denied; try an elevated prompt"},
-                            {platform::kErrorServiceDoesNotExist, "not installed"}};
-
-template <size_t count>
-std::string WordOf(const Word (&words)[count], uint32_t number, const char* unless) {
-  const auto* const found = std::find_if(std::begin(words), std::end(words),
-                                         [&](const Word& word) { return word.number == number; });
-  return found == std::end(words) ? unless + std::to_string(number) : found->text;
-}
-
-std::string ErrorText(uint32_t error) {
-  return WordOf(kErrors, error, "Windows error ");
-}
 
 std::string TwoDigits(uint16_t number) {
   return (number < 10 ? "0" : "") + std::to_string(number);
@@ -60,12 +39,6 @@ std::string TwoDigits(uint16_t number) {
 std::string TimeText(const platform::Time& when) {
   return std::to_string(when.year) + "-" + TwoDigits(when.month) + "-" + TwoDigits(when.day) + " " +
          TwoDigits(when.hour) + ":" + TwoDigits(when.minute) + ":" + TwoDigits(when.second);
-}
-
-std::string AddressText(uint32_t address) {
-  std::string text;
-  for (int i = 0; i < 4; ++i) text += (i > 0 ? "." : "") + std::to_string((address >> (8 * i)) & 0xFF);
-  return text;
 }
 
 // "C:\Program Files\TELVOR\telvor.exe" of a service's command line.
@@ -90,7 +63,7 @@ struct LogEnd {
 };
 
 LogEnd ReadLogEnd() {
-  const std::string path = platform::EnvironmentVariable("ProgramData") + kLogFolder + kLogFile;
+  const std::string path = LogPath();
   const platform::FileBytes log = platform::ReadFileEnd(path, kMostLogBytes);
   if (log.error != platform::kErrorSuccess) return {path + ": " + ErrorText(log.error), {}};
   LogEnd end{{}, SplitLines(log.bytes)};
@@ -205,7 +178,7 @@ void AddFiles(const std::string& path, int depth, Rows& rows) {
 Section FileSection() {
   Rows rows = {{"WRITTEN", "BYTES", "FILE"}};
   AddFiles(kDataFolder, 0, rows);
-  AddFiles(platform::EnvironmentVariable("ProgramData") + kLogFolder, 0, rows);
+  AddFiles(LogFolder(), 0, rows);
   return {"Files, by name and size alone", TableLines(rows)};
 }
 
@@ -229,7 +202,8 @@ bool IsTelling(const platform::Route& route) {
 
 Section RouteSection() {
   Rows rows = {{"DESTINATION", "BY", "INDEX", "METRIC"}};
-  for (const platform::Route& route : platform::ListRoutes()) {
+  const platform::RouteTable table = platform::ListRoutes();
+  for (const platform::Route& route : table.routes) {
     if (!IsTelling(route)) continue;
     rows.push_back({AddressText(route.destination) + "/" + std::to_string(route.prefixLength),
                     AddressText(route.nextHop), std::to_string(route.adapterIndex),
