@@ -26,18 +26,18 @@ MAY_GO_ON = "telvorctl: the service may go on connecting; telvorctl disconnect e
 Finished = collections.namedtuple("Finished", "code output errors")
 
 
-def words_of(lab, *words):
-    return lab.enter(network.CLIENT.name) + ["wine", prefix.TELVORCTL, *words]
+def words_of(lab, *words, by=()):
+    return lab.enter(network.CLIENT.name) + [*by, "wine", prefix.TELVORCTL, *words]
 
 
-def ctl(lab, *words, given="", code=DONE, timeout=90):
-    """Runs telvorctl without a terminal and asserts its exit code. Files stand in for its streams: Wine's
-    background processes would hold a pipe open."""
+def ctl(lab, *words, given="", code=DONE, timeout=90, by=()):
+    """Runs telvorctl without a terminal and asserts its exit code; `by` are the words of a program that runs
+    it. Files stand in for its streams: Wine's background processes would hold a pipe open."""
     with contextlib.ExitStack() as files:
         entered, output, errors = (files.enter_context(tempfile.TemporaryFile()) for _ in range(3))
         entered.write(given.encode())
         entered.seek(0)
-        done = subprocess.run(words_of(lab, *words), env=windows.environment(lab), stdin=entered,
+        done = subprocess.run(words_of(lab, *words, by=by), env=windows.environment(lab), stdin=entered,
                               stdout=output, stderr=errors, timeout=timeout, check=False)
         output.seek(0)
         errors.seek(0)
@@ -219,12 +219,29 @@ def test_a_login_is_needed(lab):
         done = ctl(lab, *words, code=LOGIN_NEEDED)
         assert "see telvorctl login" in done.errors
     assert done.errors.endswith(GOES_ON)
+    lab.wait_for_state("disconnected")  # connect knew that it needs a login before the service had looked
     note = "Note        an earlier connect may still be waiting for a login; telvorctl disconnect ends it\n"
     assert note in ctl(lab, "status").output
     ctl(lab, "login", EMAIL, "--password-stdin", given=PASSWORD + "\n")
     lab.wait_for_state("connected")  # it did go on
     assert note not in ctl(lab, "status").output
     assert ctl(lab, "logout").output == "Logged out; the tunnel is taken down.\n"
+
+
+def test_a_damaged_session_is_none(logged_in_by_ctl):
+    lab = logged_in_by_ctl
+    session = windows.drive(lab) / prefix.DATA_FOLDER / "auth/session.dat"
+    session.write_bytes(session.read_bytes()[:-8])
+    done = ctl(lab, "connect", code=LOGIN_NEEDED)
+    assert done.errors.endswith("AUTH_REQUIRED (nobody is logged in; see telvorctl login)\n" + GOES_ON)
+    told = lab.pipe.call("GET /ui/status")
+    assert (told["auth_state"], told["last_error"]) == ("AUTH_OK", "AUTH_REQUIRED")
+    assert "Account     login needed\n" in ctl(lab, "status").output
+    # The next one does not sit out the pause first.
+    again = ctl(lab, "connect", code=LOGIN_NEEDED)
+    assert again.errors == done.errors.partition("\n")[2]
+    ctl(lab, "login", EMAIL, "--password-stdin", given=PASSWORD + "\n")
+    assert "Account     logged in\n" in ctl(lab, "status").output
 
 
 def test_a_connection_that_does_not_come_in_time(logged_in_by_ctl):
@@ -244,6 +261,33 @@ def test_a_connection_that_fails(lab):
     assert done.errors.endswith("telvorctl: the connection failed: the service does not say why; "
                                 "see telvorctl logs\n" + MAY_GO_ON)
     assert "wireguard.exe installtunnelservice failed ec=1\n" in ctl(lab, "logs").output
+
+
+@pytest.mark.parametrize("program, text", [("wireguard.exe", "WireGuard is not installed"),
+                                           ("wg.exe", "WireGuard is damaged")])
+def test_a_connection_that_fails_for_want_of_a_program(lab, program, text):
+    with stopped_service(lab):
+        pass  # as above
+    ctl(lab, "login", EMAIL, "--password-stdin", given=PASSWORD + "\n")
+    folder = windows.drive(lab) / prefix.WIREGUARD_FOLDER
+    (folder / program).rename(folder / "away")
+    try:
+        done = ctl(lab, "connect", code=FAILED)
+    finally:
+        (folder / "away").rename(folder / program)
+    assert done.errors.endswith(f"telvorctl: the connection failed: {text}: there is no "
+                                f"C:\\Program Files\\WireGuard\\{program}\n" + MAY_GO_ON)
+
+
+def test_a_report_that_finds_no_room_leaves_no_piece(lab):
+    report = windows.drive(lab) / "report.txt"
+    no_room = ["sh", "-c", "trap '' XFSZ; ulimit -f 8; exec \"$@\"", "no_room"]  # 4096 bytes
+    done = ctl(lab, "support", "C:\\report.txt", code=FAILED, by=no_room)
+    assert done.errors == "telvorctl: C:\\report.txt cannot be written: Windows error 112\n"
+    assert not report.exists()
+    ctl(lab, "support", "C:\\report.txt")
+    assert report.stat().st_size > 4096
+    report.unlink()
 
 
 def test_a_log_that_cannot_be_read(lab):

@@ -21,7 +21,6 @@ const std::string kResetConfirm =
     R"({"jsonrpc":"2.0","id":1,"method":"POST /ui/password-reset/confirm","params":{"email":"ada@x",)"
     R"("request_id":"r-7","code":"471100","new_password":"correct horse"}})";
 const std::string kLogout = R"({"jsonrpc":"2.0","id":1,"method":"POST /ui/logout"})";
-const std::string kEntitlement = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/entitlement"})";
 const std::string kQuota = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/quota"})";
 const std::string kCheckout = R"({"jsonrpc":"2.0","id":1,"method":"POST /ui/billing/checkout"})";
 const std::string kAccountPage = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/account-page-url"})";

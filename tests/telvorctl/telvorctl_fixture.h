@@ -89,6 +89,7 @@ inline const std::string kGetState = R"({"jsonrpc":"2.0","id":1,"method":"GetSta
 inline const std::string kGetStatus = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/status"})";
 inline const std::string kConnect = R"({"jsonrpc":"2.0","id":1,"method":"Connect"})";
 inline const std::string kDisconnect = R"({"jsonrpc":"2.0","id":1,"method":"Disconnect"})";
+inline const std::string kEntitlement = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/entitlement"})";
 
 inline std::string State(const std::string& word, const std::string& lastError = "") {
   return R"({"deviceId":"dev-1","wgPublicKey":"KEY=","state":")" + word +

@@ -1,4 +1,5 @@
 // status, connect, disconnect, stop, request.
+#include "tests/telvorctl/scripted_machine.h"
 #include "tests/telvorctl/telvorctl_fixture.h"
 
 namespace {
@@ -8,7 +9,47 @@ using telvorctl::platform::kErrorFileNotFound;
 using telvorctl::platform::kErrorOperationAborted;
 
 constexpr uint32_t kErrorBrokenPipe = 109;
+const std::string kNothingYet =
+    "telvorctl: nothing yet; after a failed attempt, also an earlier one, the service pauses for up to 30 "
+    "seconds, whatever it is asked; see telvorctl logs\n";
+const std::string kAnAttemptHasFailed =
+    "telvorctl: nothing yet; an attempt has failed, the service goes on trying; see telvorctl logs\n";
+const std::string kNoSession = R"({"ok":false,"payment_current":false,"status":"AUTH_REQUIRED",)"
+                               R"("message":"no session: C:\\ProgramData\\TELVOR\\auth\\session.dat"})";
+const std::string kPaid = R"({"ok":true,"payment_current":true,"status":"active","period_end":null})";
+const std::string kUnreachable = R"({"ok":false,"payment_current":false,"status":"AUTH_REQUIRED",)"
+                                 R"("message":"refresh transport failure"})";
 const std::string kStop = R"({"jsonrpc":"2.0","id":1,"method":"StopService"})";
+
+class Tunnel : public Telvorctl {
+ protected:
+  void SetUp() override {
+    Telvorctl::SetUp();
+    gMachine = ScriptedMachine();
+    gMachine.files = {{kWireGuard + "wireguard.exe", "MZ"}, {kWireGuard + "wg.exe", "MZ"}};
+  }
+
+  // `lastError` is of before; what was asked for has not changed it yet.
+  static void AskedToConnect(const std::string& lastError = "") {
+    Result(kGetState, State("disconnected", lastError));
+    Result(kConnect, "true");
+  }
+
+  static void States(int times, const std::string& word, const std::string& lastError = "") {
+    for (int i = 0; i < times; ++i) Result(kGetState, State(word, lastError));
+  }
+
+  // How often the text was written to the standard error.
+  static size_t TimesTold(const std::string& text) {
+    size_t times = 0;
+    for (size_t at = gScript.errors.find(text); at != std::string::npos;
+         at = gScript.errors.find(text, at + 1))
+      ++times;
+    return times;
+  }
+
+  inline static const std::string kWireGuard = "C:\\Program Files\\WireGuard\\";
+};
 
 TEST_F(Telvorctl, StatusTellsAll) {
   Result(kGetStatus, Status("CONNECTED"));
@@ -64,6 +105,29 @@ TEST_F(Telvorctl, StatusTellsOfAConnectThatMayStillBeWaiting) {
   }
 }
 
+// The service's own word is that of a token that it remembers, whatever has become of the session's file.
+TEST_F(Telvorctl, StatusLooksForTheSessionWhereTheErrorDoubtsIt) {
+  struct Row {
+    const char* error;
+    const std::string& session;
+    const char* account;
+  };
+  const Row rows[] = {{"AUTH_REQUIRED", kNoSession, "Account     login needed\n"},
+                      {"no session: C:\\\\x", kNoSession, "Account     login needed\n"},
+                      {"AUTH_REQUIRED", kPaid, "Account     logged in\n"},
+                      {"AUTH_REQUIRED", kUnreachable, "Account     logged in\n"}};
+  for (const Row& row : rows) {
+    gScript.output.clear();
+    Result(kGetStatus, Status("DISCONNECTED", "AUTH_OK", row.error));
+    Result(kEntitlement, row.session);
+    Result(kGetState, State("disconnected"));
+    EXPECT_EQ(Run({"status"}), 0);
+    EXPECT_NE(gScript.output.find(row.account), std::string::npos) << gScript.output;
+  }
+  Result(kGetStatus, Status("DISCONNECTED", "AUTH_OK", "AUTH_REQUIRED"));
+  EXPECT_EQ(Run({"status", "--json"}), 0);  // the service's own words
+}
+
 TEST_F(Telvorctl, StatusNamesASelectedServerThatIsNotInTheCatalogue) {
   Result(kGetStatus, R"({"tunnel_status":"CONNECTED","selected_server_id":"xx-1","selected_server":null})");
   Result(kGetState, State("connected"));
@@ -89,8 +153,8 @@ TEST_F(Telvorctl, StatusEndsWithTheFirstAnswerThatFails) {
   EXPECT_EQ(gScript.errors, "telvorctl: boom\n");
 }
 
-TEST_F(Telvorctl, ConnectWaitsForTheTunnel) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectWaitsForTheTunnel) {
+  AskedToConnect();
   Result(kGetState, State("connecting"));
   Result(kGetState, State("connecting"));
   Result(kGetState, State("connected"));
@@ -101,9 +165,9 @@ TEST_F(Telvorctl, ConnectWaitsForTheTunnel) {
   EXPECT_EQ(gScript.now, 2000u);
 }
 
-TEST_F(Telvorctl, ConnectRedrawsItsProgressOnATerminal) {
+TEST_F(Tunnel, ConnectRedrawsItsProgressOnATerminal) {
   gScript.errorsAreTerminal = true;
-  Result(kConnect, "true");
+  AskedToConnect();
   Result(kGetState, State("connecting", "HANDSHAKE_TIMEOUT"));
   Result(kGetState, State("connecting"));
   Result(kGetState, State("connecting"));
@@ -118,8 +182,8 @@ TEST_F(Telvorctl, ConnectRedrawsItsProgressOnATerminal) {
                                 "\rConnecting (1 s)" + "\r                \r");
 }
 
-TEST_F(Telvorctl, ConnectForScriptsGivesTheLastState) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectForScriptsGivesTheLastState) {
+  AskedToConnect();
   Result(kGetState, R"({"state":"connected"})");
   EXPECT_EQ(Run({"connect", "--json"}), 0);
   EXPECT_EQ(gScript.output, "{\"state\":\"connected\"}\n");
@@ -135,8 +199,8 @@ TEST_F(Telvorctl, ConnectWithoutAWait) {
   EXPECT_EQ(gScript.output, "true\n");
 }
 
-TEST_F(Telvorctl, ConnectTellsWhyItFailed) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectTellsWhyItFailed) {
+  AskedToConnect();
   Result(kGetState, State("error", "HANDSHAKE_TIMEOUT"));
   EXPECT_EQ(Run({"connect"}), 1);
   EXPECT_EQ(gScript.errors,
@@ -144,7 +208,7 @@ TEST_F(Telvorctl, ConnectTellsWhyItFailed) {
             "telvorctl locations for another)\n"
             "telvorctl: the service may go on connecting; telvorctl disconnect ends it\n");
   gScript.errors.clear();
-  Result(kConnect, "true");
+  AskedToConnect();
   Result(kGetState, State("error"));
   EXPECT_EQ(Run({"connect"}), 1);
   EXPECT_EQ(gScript.errors,
@@ -152,35 +216,169 @@ TEST_F(Telvorctl, ConnectTellsWhyItFailed) {
             "telvorctl: the service may go on connecting; telvorctl disconnect ends it\n");
 }
 
-TEST_F(Telvorctl, ConnectNeedsALogin) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectTellsWhatTheMachineLacks) {
+  gMachine.files.erase(kWireGuard + "wg.exe");
+  AskedToConnect();
+  Result(kGetState, State("error", "HANDSHAKE_TIMEOUT"));
+  EXPECT_EQ(Run({"connect"}), 1);
+  EXPECT_EQ(
+      TimesTold("telvorctl: the connection failed: WireGuard is damaged: there is no C:\\Program Files\\"
+                "WireGuard\\wg.exe\n"),
+      1u)
+      << gScript.errors;
+  gMachine.files.clear();
+  AskedToConnect();
+  Result(kGetState, State("error"));
+  EXPECT_EQ(Run({"connect"}), 1);
+  EXPECT_EQ(TimesTold("telvorctl: the connection failed: WireGuard is not installed: there is no C:\\Program "
+                      "Files\\WireGuard\\wireguard.exe\n"),
+            1u)
+      << gScript.errors;
+  // A folder that nobody may look into tells nothing.
+  gMachine.unreadable = {{kWireGuard + "wireguard.exe", 5}, {kWireGuard + "wg.exe", 5}};
+  AskedToConnect();
+  Result(kGetState, State("error"));
+  EXPECT_EQ(Run({"connect"}), 1);
+  EXPECT_EQ(TimesTold("the connection failed: the service does not say why; see telvorctl logs\n"), 1u)
+      << gScript.errors;
+}
+
+// For want of a login the service would show another state.
+TEST_F(Tunnel, ConnectTakesNoOldLoginErrorForTheReason) {
+  AskedToConnect("AUTH_REQUIRED");
+  Result(kGetState, State("error", "AUTH_REQUIRED"));
+  EXPECT_EQ(Run({"connect"}), 1);
+  EXPECT_EQ(TimesTold("the connection failed: the service does not say why; see telvorctl logs\n"), 1u)
+      << gScript.errors;
+}
+
+TEST_F(Tunnel, ConnectNeedsALogin) {
+  AskedToConnect();
+  Result(kGetState, State("connecting"));
   Result(kGetState, State("disconnected", "AUTH_REQUIRED"));
-  Result(kGetStatus, Status("DISCONNECTED", "AUTH_REQUIRED"));
+  Result(kEntitlement, kNoSession);
   EXPECT_EQ(Run({"connect"}), 6);
   EXPECT_EQ(gScript.errors,
+            "Connecting\n"
             "telvorctl: AUTH_REQUIRED (nobody is logged in; see telvorctl login)\n"
             "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
 }
 
-TEST_F(Telvorctl, ConnectNeedsANewLoginForAnExpiredSession) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectNeedsANewLoginForAnExpiredSession) {
+  AskedToConnect();
   Result(kGetState, State("disconnected", "SESSION_EXPIRED"));
+  Result(kEntitlement, R"({"ok":false,"status":"AUTH_REQUIRED","message":"SESSION_EXPIRED"})");
   EXPECT_EQ(Run({"connect"}), 6);
 }
 
 // The registration leaves the last error as it was: it alone does not tell that a login is needed.
-TEST_F(Telvorctl, ConnectGoesOnDespiteAnOldError) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectGoesOnDespiteAnOldError) {
+  AskedToConnect("AUTH_REQUIRED");
+  Result(kGetState, State("connecting", "AUTH_REQUIRED"));
+  Result(kEntitlement, kPaid);
   Result(kGetState, State("disconnected", "AUTH_REQUIRED"));
-  Result(kGetStatus, Status("DISCONNECTED", "AUTH_OK"));
+  Result(kEntitlement, kPaid);
+  States(3, "disconnected", "AUTH_REQUIRED");  // asked once between two attempts
   Result(kGetState, State("connecting", "AUTH_REQUIRED"));
   Result(kGetState, State("connected", "AUTH_REQUIRED"));
   Result(kGetStatus, Status("CONNECTED"));
   EXPECT_EQ(Run({"connect"}), 0);
 }
 
-TEST_F(Telvorctl, ConnectTimesOut) {
-  Result(kConnect, "true");
+// No need to sit out the pause after an earlier attempt for that.
+TEST_F(Tunnel, ConnectNeedsALoginAtOnceWhenAnAttemptOfBeforeSaidSo) {
+  AskedToConnect("AUTH_REQUIRED");
+  Result(kGetState, State("connecting", "AUTH_REQUIRED"));
+  Result(kEntitlement, kNoSession);
+  EXPECT_EQ(Run({"connect"}), 6);
+  EXPECT_EQ(gScript.now, 1000u);
+}
+
+// A session that could not be renewed for want of a network is one all the same.
+TEST_F(Tunnel, ConnectGoesOnWhenTheSessionCannotBeRenewedYet) {
+  AskedToConnect();
+  Result(kGetState, State("disconnected", "AUTH_REQUIRED"));
+  Result(kEntitlement, kUnreachable);
+  Result(kGetState, State("connecting", "AUTH_REQUIRED"));
+  Result(kGetState, State("connected", "AUTH_REQUIRED"));
+  Result(kGetStatus, Status("CONNECTED"));
+  EXPECT_EQ(Run({"connect"}), 0);
+  EXPECT_EQ(gScript.errors,
+            "Connecting, last error: refresh transport failure (the control plane cannot be reached, or it "
+            "refused)\n");
+}
+
+TEST_F(Tunnel, ConnectCallsTheErrorOfBeforeAnEarlierOne) {
+  AskedToConnect("HANDSHAKE_TIMEOUT");
+  States(3, "connecting", "HANDSHAKE_TIMEOUT");
+  EXPECT_EQ(Run({"connect", "--timeout", "1"}), 5);
+  const std::string error =
+      "earlier error: HANDSHAKE_TIMEOUT (the VPN server does not answer; see telvorctl locations for "
+      "another)\n";
+  EXPECT_EQ(gScript.errors, "Connecting, " + error + "telvorctl: not connected after 1 second, " + error +
+                                "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
+  gScript.errors.clear();
+  AskedToConnect("slow");
+  States(1, "connecting", "slow");
+  States(1, "connecting");
+  States(1, "connecting", "slow");
+  EXPECT_EQ(Run({"connect", "--timeout", "1"}), 5);
+  EXPECT_EQ(gScript.errors,
+            "Connecting, earlier error: slow\nConnecting\n"
+            "telvorctl: not connected after 1 second, last error: slow\n"
+            "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
+}
+
+// The service tells nobody of its pauses.
+TEST_F(Tunnel, ConnectHintsOnceAtAPauseThatMayGoOn) {
+  AskedToConnect();
+  States(9, "connecting");
+  EXPECT_EQ(Run({"connect", "--timeout", "4"}), 5);
+  EXPECT_EQ(TimesTold("nothing yet"), 0u);
+  gScript.errors.clear();
+  AskedToConnect();
+  States(40, "connecting");
+  Result(kGetState, State("connected"));
+  Result(kGetStatus, Status("CONNECTED"));
+  EXPECT_EQ(Run({"connect"}), 0);
+  EXPECT_EQ(gScript.errors, "Connecting\n" + kNothingYet);
+}
+
+TEST_F(Tunnel, ConnectHintsOnceAtAttemptsThatFailWithoutAReason) {
+  AskedToConnect();
+  for (int attempt = 0; attempt < 6; ++attempt) {
+    States(1, "connecting");
+    States(3, "disconnected");
+  }
+  Result(kGetState, State("connected"));
+  Result(kGetStatus, Status("CONNECTED"));
+  EXPECT_EQ(Run({"connect"}), 0);
+  EXPECT_EQ(gScript.errors, "Connecting\n" + kAnAttemptHasFailed);
+}
+
+TEST_F(Tunnel, ConnectHintsAboveItsProgressOnATerminal) {
+  gScript.errorsAreTerminal = true;
+  AskedToConnect();
+  States(11, "connecting");
+  Result(kGetState, State("connected"));
+  Result(kGetStatus, Status("CONNECTED"));
+  EXPECT_EQ(Run({"connect"}), 0);
+  const std::string erased = "\r                \r";
+  EXPECT_TRUE(
+      gScript.errors.ends_with("\rConnecting (4 s)" + erased + kNothingYet + "\rConnecting (5 s)" + erased))
+      << gScript.errors;
+}
+
+TEST_F(Telvorctl, DisconnectHintsAtNothing) {
+  Result(kDisconnect, "true");
+  for (int look = 0; look < 20; ++look) Result(kGetState, State("connected"));
+  Result(kGetState, State("disconnected"));
+  EXPECT_EQ(Run({"disconnect"}), 0);
+  EXPECT_EQ(gScript.errors, "Disconnecting\n");
+}
+
+TEST_F(Tunnel, ConnectTimesOut) {
+  AskedToConnect();
   for (int look = 0; look < 7; ++look) Result(kGetState, State("connecting", "slow"));
   EXPECT_EQ(Run({"connect", "--timeout", "3"}), 5);
   EXPECT_EQ(gScript.errors,
@@ -190,8 +388,8 @@ TEST_F(Telvorctl, ConnectTimesOut) {
   EXPECT_EQ(gScript.now, 4000u);
 }
 
-TEST_F(Telvorctl, ConnectIsInterrupted) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectIsInterrupted) {
+  AskedToConnect();
   Result(kGetState, State("connecting"));
   InterruptInPause(1);
   EXPECT_EQ(Run({"connect"}), 130);
@@ -199,30 +397,31 @@ TEST_F(Telvorctl, ConnectIsInterrupted) {
             "Connecting\ntelvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
 }
 
-TEST_F(Telvorctl, ConnectIsInterruptedInTheMiddleOfALook) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectIsInterruptedInTheMiddleOfALook) {
+  AskedToConnect();
   Broken(kGetState, kErrorOperationAborted, "");
   EXPECT_EQ(Run({"connect"}), 130);
   EXPECT_EQ(gScript.errors, "telvorctl: the service goes on connecting; telvorctl disconnect ends it\n");
 }
 
 // What the catalogue says of the chosen location must not be taken for where the tunnel leads.
-TEST_F(Telvorctl, ConnectClaimsNothingWithoutAChosenLocation) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectClaimsNothingWithoutAChosenLocation) {
+  AskedToConnect();
   Result(kGetState, State("connected"));
   Result(kGetStatus, R"({"public_ip":"203.0.113.1","selected_server_id":null,"selected_server":null})");
   EXPECT_EQ(Run({"connect"}), 0);
   EXPECT_EQ(gScript.output, "Connected.\n");
 }
 
-TEST_F(Telvorctl, ConnectEndsWhenTheServiceDoesSo) {
-  Result(kConnect, "true");
+TEST_F(Tunnel, ConnectEndsWhenTheServiceDoesSo) {
+  AskedToConnect();
   CannotOpen(kGetState, kErrorFileNotFound, true);
   EXPECT_EQ(Run({"connect"}), 3);
   EXPECT_EQ(gScript.errors.find("goes on"), std::string::npos) << gScript.errors;
 }
 
-TEST_F(Telvorctl, ConnectIsRefused) {
+TEST_F(Tunnel, ConnectIsRefused) {
+  Result(kGetState, State("disconnected"));
   Result(kConnect, "false");
   EXPECT_EQ(Run({"connect"}), 1);
   EXPECT_EQ(gScript.errors, "telvorctl: the TELVOR service refused without a reason\n");

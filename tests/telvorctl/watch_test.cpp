@@ -75,6 +75,29 @@ TEST_F(Telvorctl, WatchOutlivesTheService) {
             "\n");
 }
 
+std::string LoggedInBut(const std::string& error, const std::string& tunnel = "DISCONNECTED") {
+  return Status(tunnel, "AUTH_OK", error);
+}
+
+// A session that was found is not looked for again at every look: that asks the control plane.
+TEST_F(Telvorctl, WatchLooksForTheSessionWhereTheErrorDoubtsIt) {
+  const std::string lost = R"({"ok":false,"status":"AUTH_REQUIRED","message":"no session: x"})";
+  Result(kGetStatus, LoggedInBut("AUTH_REQUIRED"));
+  Result(kEntitlement, lost);
+  Result(kGetStatus, LoggedInBut("AUTH_REQUIRED"));
+  Result(kEntitlement, R"({"ok":true,"payment_current":true,"status":"active"})");
+  Result(kGetStatus, LoggedInBut("AUTH_REQUIRED"));
+  Result(kGetStatus, LoggedInBut("AUTH_REQUIRED", "CONNECTING"));
+  Result(kEntitlement, lost);
+  InterruptInPause(4);
+  EXPECT_EQ(Run({"watch"}), 130);
+  std::vector<std::string> accounts;
+  for (size_t at = gScript.output.find("Account"); at != std::string::npos;
+       at = gScript.output.find("Account", at + 1))
+    accounts.push_back(gScript.output.substr(at + 12, gScript.output.find('\n', at) - at - 12));
+  EXPECT_EQ(accounts, (std::vector<std::string>{"login needed", "logged in", "logged in", "login needed"}));
+}
+
 TEST_F(Telvorctl, WatchForScriptsIsOneLineForEachLook) {
   gScript.outputIsTerminal = true;
   Result(kGetStatus, R"({"rx_bytes":1})");

@@ -156,7 +156,7 @@ const std::vector<Floor>& Floors() {
       // A house of its own: it knows nothing of the service but the pipe and the files that people may see.
       {0,
        {"telvorctl/platform", "telvorctl/machine", "telvorctl/windows_text", "telvorctl/startup",
-        "telvorctl/exit_codes", "telvorctl/options", "telvorctl/json"}},
+        "telvorctl/exit_codes", "telvorctl/options", "telvorctl/json", "telvorctl/wireguard_files"}},
       {1, {"telvorctl/text", "telvorctl/machine_text", "telvorctl/left_routes"}},
       {2, {"telvorctl/terminal", "telvorctl/service_client", "telvorctl/masking"}},
       {3, {"telvorctl/conclusion", "telvorctl/rendering", "telvorctl/waiting", "telvorctl/support_report"}},

@@ -14,15 +14,6 @@ namespace telvorctl {
 
 namespace {
 
-// A method that cannot answer without a session.
-Reply AskWithSession(const char* method) {
-  Reply reply = AskForOk(method);
-  const bool noSession = TextMember(reply.result, "status") == "AUTH_REQUIRED" ||
-                         SpeaksOfLogin(TextMember(reply.result, "message"));
-  if (reply.code == kFailed && noSession) reply.code = kLoginNeeded;
-  return reply;
-}
-
 Reply StartResetFor(const std::string& email) {
   return AskForOk("POST /ui/password-reset/start", {{"email", email}});
 }

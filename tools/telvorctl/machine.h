@@ -61,7 +61,7 @@ FileBytes ReadFileEnd(const std::string& path, size_t most);
 // it.
 uint32_t ReadFileInPieces(const std::string& path, const std::function<void(std::string_view)>& take);
 
-// Makes the file with these bytes. kErrorFileExists if there is one of that name.
+// Makes the file with these bytes, or leaves none. kErrorFileExists if there is one of that name.
 uint32_t WriteNewFile(const std::string& path, const std::string& bytes);
 
 // Of the file's version resource: "1.2.3.4". Empty if there is none, or no such file.

@@ -167,14 +167,17 @@ uint32_t ReadFileInPieces(const std::string& path, const std::function<void(std:
 }
 
 uint32_t WriteNewFile(const std::string& path, const std::string& bytes) {
-  const HANDLE opened = CreateFileW(Utf8ToWide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+  const HANDLE opened = CreateFileW(Utf8ToWide(path).c_str(), GENERIC_WRITE | DELETE, 0, nullptr, CREATE_NEW,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (opened == INVALID_HANDLE_VALUE) return GetLastError();
   const OwnedHandle owner(opened);
   DWORD count = 0;
   const BOOL written = WriteFile(opened, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr);
-  if (!written) return GetLastError();
-  return count == bytes.size() ? ERROR_SUCCESS : ERROR_DISK_FULL;
+  if (written && count == bytes.size()) return ERROR_SUCCESS;
+  const DWORD error = written ? ERROR_DISK_FULL : GetLastError();
+  FILE_DISPOSITION_INFO removed = {TRUE};
+  SetFileInformationByHandle(opened, FileDispositionInfo, &removed, sizeof removed);
+  return error;
 }
 
 std::string FileVersion(const std::string& path) {

@@ -34,6 +34,8 @@ constexpr OpenFailure kOpenFailures[] = {
      "the TELVOR service's pipe refuses access. Run this as a user who has logged on, not as a guest"},
 };
 
+constexpr char kAuthRequired[] = "AUTH_REQUIRED";
+
 // How a text of the service begins, and what a person can do about it.
 struct Explanation {
   const char* beginning;
@@ -42,7 +44,7 @@ struct Explanation {
 };
 
 constexpr Explanation kExplanations[] = {
-    {"AUTH_REQUIRED", "nobody is logged in; see telvorctl login", true},
+    {kAuthRequired, "nobody is logged in; see telvorctl login", true},
     {"SESSION_EXPIRED", "the session has expired; see telvorctl login", true},
     {"auth required", "see telvorctl login", true},
     {"no session:", "nobody is logged in; see telvorctl login", true},
@@ -166,6 +168,21 @@ Reply AskForOk(const char* method, const Json& params) {
   if (reply.code != kDone || TruthMember(reply.result, "ok")) return reply;
   reply.code = kFailed;
   reply.message = Refusal(TextMember(reply.result, "message"));
+  return reply;
+}
+
+Reply AskWithSession(const char* method) {
+  Reply reply = AskForOk(method);
+  const bool noSession = TextMember(reply.result, "status") == kAuthRequired ||
+                         SpeaksOfLogin(TextMember(reply.result, "message"));
+  if (reply.code == kFailed && noSession) reply.code = kLoginNeeded;
+  return reply;
+}
+
+Reply LookForSession() {
+  // Of the methods that need a session the one that says by a member of its own that there is none.
+  Reply reply = AskWithSession("GET /ui/entitlement");
+  if (TextMember(reply.result, "message").ends_with(kUnreachableEnding)) reply.code = kFailed;
   return reply;
 }
 

@@ -36,6 +36,14 @@ Reply AskForTrue(const char* method, const Json& params = Json::object());
 // As Ask, for a method whose result holds "ok": kFailed with its message unless that is true.
 Reply AskForOk(const char* method, const Json& params = Json::object());
 
+// As AskForOk, for a method that cannot answer without a session: kLoginNeeded if that is what it lacks.
+Reply AskWithSession(const char* method);
+
+// Looks whether the service finds its session when it needs one. kLoginNeeded if it does not; any other code
+// tells of something else, also of a session that can be renewed as soon as the control plane is reached.
+// May ask the control plane.
+Reply LookForSession();
+
 // `text` of the service, with what to do about it added if that is known.
 std::string Explained(const std::string& text);
 

@@ -8,6 +8,7 @@
 #include "telvorctl/options.h"
 #include "telvorctl/platform.h"
 #include "telvorctl/text.h"
+#include "telvorctl/wireguard_files.h"
 
 namespace telvorctl {
 
@@ -17,8 +18,6 @@ using Rows = std::vector<std::vector<std::string>>;
 
 constexpr char kServiceName[] = "TELVOR";
 constexpr const char* kServices[] = {kServiceName, "WireGuardTunnel$telvor", "WireGuardManager", "BFE"};
-constexpr const char* kWireGuardPrograms[] = {"wireguard.exe", "wg.exe"};
-constexpr char kWireGuardFolder[] = "C:\\Program Files\\WireGuard\\";
 constexpr char kDataFolder[] = "C:\\ProgramData\\TELVOR";
 constexpr char kMarkerFolder[] = "C:\\VPN\\stage";
 constexpr const char* kDropFiles[] = {"after_entered.txt", "step1.txt", "cpp_exception.txt",
@@ -97,7 +96,7 @@ Section VersionSection(const LogEnd& log) {
   const std::string program = ProgramOf(platform::QueryService(kServiceName).commandLine);
   Rows rows = {
       {"telvorctl", TELVOR_VERSION}, {"telvor.exe", VersionText(program)}, {"Build", BuildText(log)}};
-  for (const char* name : kWireGuardPrograms)
+  for (const char* name : {kWireGuardProgram, kWgProgram})
     rows.push_back({name, VersionText(std::string(kWireGuardFolder) + name)});
   rows.push_back({"Windows", std::to_string(windows.major) + "." + std::to_string(windows.minor) + "." +
                                  std::to_string(windows.build) + ", code page " +

@@ -21,6 +21,11 @@ bool TypeSecret(const std::string& prompt, std::string& secret) {
   return typed;
 }
 
+void EraseProgress(Progress& progress) {
+  if (progress.width > 0) platform::Write(Stream::kErrors, "\r" + std::string(progress.width, ' ') + "\r");
+  progress.width = 0;
+}
+
 std::string PromptFor(std::string name) {
   name.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(name.front())));
   return name;
@@ -81,8 +86,13 @@ void ShowProgress(Progress& progress, const std::string& text, uint64_t seconds)
   progress.width = width;
 }
 
+void ComplainAbove(Progress& progress, const std::string& text) {
+  EraseProgress(progress);
+  Complain(text);
+}
+
 void ClearProgress(Progress& progress) {
-  if (progress.width > 0) platform::Write(Stream::kErrors, "\r" + std::string(progress.width, ' ') + "\r");
+  EraseProgress(progress);
   progress = Progress();
 }
 

@@ -27,6 +27,8 @@ struct Progress {
   size_t width = 0;  // columns that are drawn now
 };
 void ShowProgress(Progress& progress, const std::string& text, uint64_t seconds);
+// As Complain, on a line of its own above the progress.
+void ComplainAbove(Progress& progress, const std::string& text);
 // Leaves the terminal with an empty line again.
 void ClearProgress(Progress& progress);
 

@@ -34,6 +34,24 @@ ExitCode FinishWait(const Options& options, const Reply& last, const std::string
   return code;
 }
 
+// The status for which the service was last seen to find its session.
+struct SeenSession {
+  std::string tunnel;
+  std::string error;
+};
+
+// A token that the service remembers counts as a login also when an attempt cannot use it, and a last error
+// may be older than the login: where the two contradict each other, what needs the session decides.
+void SettleAccount(Json& status, SeenSession& seen) {
+  const SeenSession now = {TextMember(status, "tunnel_status"), TextMember(status, "last_error")};
+  if (!SpeaksOfLogin(now.error) || TextMember(status, "auth_state") != "AUTH_OK") return;
+  if (now.tunnel == seen.tunnel && now.error == seen.error) return;
+  if (LookForSession().code == kLoginNeeded)
+    status["auth_state"] = "AUTH_REQUIRED";
+  else
+    seen = now;
+}
+
 std::vector<std::string> WatchedLines(const Options& options, const Reply& status, TrafficSample& earlier) {
   std::vector<std::string> lines = {"TELVOR, looked at every " + SpanText(options.intervalSeconds) +
                                     "; Ctrl+C ends"};
@@ -78,8 +96,10 @@ bool ShowFrame(const Options& options, const Reply& status, TrafficSample& earli
 
 ExitCode ShowStatus(const Options& options) {
   if (options.brief) return ShowBriefStatus(options);
-  const Reply status = Ask("GET /ui/status");
+  Reply status = Ask("GET /ui/status");
   if (status.code != kDone || options.json) return Finish(options, status, {});
+  SeenSession seen;
+  SettleAccount(status.result, seen);
   const Reply state = Ask("GetState");
   if (state.code != kDone) return Conclude(state);
   SayAll(StatusLines(status.result));
@@ -89,24 +109,28 @@ ExitCode ShowStatus(const Options& options) {
 
 ExitCode WatchStatus(const Options& options) {
   TrafficSample earlier;
+  SeenSession seen;
   // The first frame clears what was on the screen.
   if (!options.json && platform::IsTerminal(platform::Stream::kOutput)) {
     platform::MoveCursorHome();
     platform::ClearBelowCursor();
   }
   for (;;) {
-    const Reply status = Ask("GET /ui/status");
+    Reply status = Ask("GET /ui/status");
     if (status.code == kInterrupted) return kInterrupted;
+    if (!options.json) SettleAccount(status.result, seen);
     if (!ShowFrame(options, status, earlier)) return kDone;
     if (!platform::Sleep(options.intervalSeconds * 1000)) return kInterrupted;
   }
 }
 
 ExitCode Connect(const Options& options) {
+  const Reply before = options.noWait ? Reply() : Ask("GetState");
+  if (before.code != kDone) return Conclude(before);
   const Reply reply = AskForTrue("Connect");
   if (reply.code != kDone || options.noWait)
     return Finish(options, reply, {"The service was asked to connect."});
-  const Reply last = WaitUntilConnected(options.timeoutSeconds);
+  const Reply last = WaitUntilConnected(before, options.timeoutSeconds);
   return FinishWait(options, last, last.code == kDone && !options.json ? ConnectedText() : "",
                     // Some failures park the service, others it tries to overcome.
                     last.code == kFailed ? "the service may go on connecting; telvorctl disconnect ends it"

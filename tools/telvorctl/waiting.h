@@ -7,9 +7,10 @@
 
 namespace telvorctl {
 
-// Polls GetState until the tunnel is up. The last reply, with its code: kFailed if the service has given up,
-// kLoginNeeded if it cannot go on without a login, kTimedOut after so many seconds.
-Reply WaitUntilConnected(uint32_t timeoutSeconds);
+// Polls GetState until the tunnel is up; `before` is the reply of GetState before the service was asked to
+// connect. The last reply, with its code: kFailed if the service has given up, kLoginNeeded if it cannot go
+// on without a login, kTimedOut after so many seconds. Hints at what may be the matter when it takes long.
+Reply WaitUntilConnected(const Reply& before, uint32_t timeoutSeconds);
 
 // Polls GetState until the tunnel is down. The last reply; kTimedOut after so many seconds.
 Reply WaitUntilDisconnected(uint32_t timeoutSeconds);
