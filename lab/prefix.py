@@ -32,10 +32,10 @@ REPLACED_FOR = {"telvor.exe": REPLACED_LIBRARIES, "telvorctl.exe": ("iphlpapi",)
 # Key, value, kind, data. Wine makes a service's ProgramData from the public user's folder: with that folder
 # told to be the real one, a service finds what every other program and every Windows has.
 REGISTRY = tuple(
-    (rf"HKCU\Software\Wine\AppDefaults\{program}\DllOverrides", library, "REG_SZ", "native")
+    (rf"HKEY_CURRENT_USER\Software\Wine\AppDefaults\{program}\DllOverrides", library, "REG_SZ", "native")
     for program, libraries in REPLACED_FOR.items() for library in libraries
 ) + (
-    (r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\ProfileList", "Public", "REG_EXPAND_SZ",
+    (r"HKEY_LOCAL_MACHINE\Software\Microsoft\Windows NT\CurrentVersion\ProfileList", "Public", "REG_EXPAND_SZ",
      r"C:\ProgramData"),
 )
 
@@ -83,9 +83,8 @@ def _make_template(cache, finished):
         prefix, home = work / "prefix", work / "home"
         home.mkdir()
         name = network.host_name(network.CLIENT.name)
-        commands = [["wineboot", "-i"]]
-        commands += [["wine", "reg", "add", key, "/v", value, "/t", kind, "/d", data, "/f"]
-                     for key, value, kind, data in REGISTRY]
+        (work / "registry.reg").write_text(_registry_file(), encoding="utf-16")
+        commands = [["wineboot", "-i"], ["wine", "reg", "import", str(work / "registry.reg")]]
         script = 'hostname "$0" && "$@"; code=$?; wineserver -w; exit $code'
         for command in commands:
             _run(["unshare", "--uts", "sh", "-c", script, name, *command], environment(prefix, home, work))
@@ -96,6 +95,15 @@ def _make_template(cache, finished):
     if "SUDO_UID" in os.environ:  # the build folder is the user's, and so is all that lies in it
         owner = f"{os.environ['SUDO_UID']}:{os.environ['SUDO_GID']}"
         subprocess.run(["chown", "-R", "--no-dereference", owner, str(cache)], check=True)
+
+
+def _registry_file():
+    lines = ["Windows Registry Editor Version 5.00"]
+    for key, value, kind, data in REGISTRY:
+        expandable = ",".join(f"{byte:02x}" for byte in (data + "\0").encode("utf-16-le"))
+        written = {"REG_SZ": f'"{data}"', "REG_EXPAND_SZ": f"hex(2):{expandable}"}[kind]
+        lines += ["", f"[{key}]", f'"{value}"={written}']
+    return "\r\n".join([*lines, ""])
 
 
 def _run(command, env):
