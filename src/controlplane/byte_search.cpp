@@ -41,6 +41,8 @@ RareBytes ChooseRareBytes(std::string_view pattern) {
 constexpr size_t kVector = sizeof(__m256i);
 constexpr size_t kVectors = 8;  // looked at in one step
 constexpr size_t kStep = kVectors * kVector;
+constexpr size_t kCacheLine = 64;
+constexpr size_t kAhead = 2048;  // bytes that are asked for before they are looked at
 
 // The first of `kStep` positions from `start` on where the pattern stands; null if there is none.
 const char* FindInStep(const char* start, std::string_view pattern) {
@@ -57,6 +59,7 @@ __attribute__((target("avx2"))) const char* FindInWholeSteps(const char*& at, co
   const __m256i a = _mm256_set1_epi8(pattern[rare.first]);
   const __m256i b = _mm256_set1_epi8(pattern[rare.second]);
   for (; static_cast<size_t>(end - at) >= kStep + pattern.size(); at += kStep) {
+    for (size_t i = 0; i < kStep; i += kCacheLine) _mm_prefetch(at + kAhead + i, _MM_HINT_T0);
     __m256i matches = _mm256_setzero_si256();
 #pragma GCC unroll 8
     for (size_t i = 0; i < kVectors; ++i) {
