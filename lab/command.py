@@ -235,7 +235,8 @@ def tell_installer(finished, done, laboratory):
     from lab import windows
 
     if finished.code != 0:
-        raise NotDone(f"Not {done}: msiexec ended with {finished.code}, the lowest eight bits of its number.")
+        raise NotDone(f"Not {done}: msiexec ended with {finished.code}, the lowest eight bits of its number. 67 is "
+                      "1603: it failed, or a newer version is there; 69 is 1605: no such product.")
     versions = ", ".join(windows.installed_products(laboratory).values())
     print(f"{done}; TELVOR {versions} is there" if versions else f"{done}; TELVOR is not there")
 

@@ -77,10 +77,11 @@ def main():
         requirements.install(requirements.BUILD, requirements.PACKAGE)
         if wrong := objection(options.control_plane):
             parser.error(wrong)
+        signer = sign.signer_of(options)
         print("building telvor.exe and telvorctl.exe", flush=True)
         build(options.control_plane)
         print("signing, packing, signing", flush=True)
-        for path in make(sign.signer_of(options), BUILD, PACKAGE):
+        for path in make(signer, BUILD, PACKAGE):
             print(f"  {path.relative_to(identity.ROOT)}")
         print(f"It talks to {options.control_plane or 'the control plane of the laboratory'}.")
         if options.certificate is None:

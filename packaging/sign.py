@@ -107,6 +107,9 @@ def add_options(parser):
 def signer_of(options):
     if options.certificate is None:
         return trial_signer(time_server=options.time_server, time_roots=options.time_roots)
+    for path in (options.certificate, options.key, options.password_file):
+        if path and not pathlib.Path(path).is_file():
+            raise NotSigned(f"there is no file {path}")
     password = os.environ.get(PASSWORD_VARIABLE, "")
     if options.password_file:
         password = options.password_file.read_text(encoding="utf-8").rstrip("\r\n")

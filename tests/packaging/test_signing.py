@@ -111,3 +111,9 @@ def test_a_wrong_password_is_told_and_never_shown(signer, pkcs12, program):
     done = run_sign("--certificate", pkcs12, "--roots", signer.certificate, program,
                     **{sign.PASSWORD_VARIABLE: "not this one"})
     assert done.returncode != 0 and "osslsigncode sign" in done.stdout and "not this one" not in done.stdout
+
+
+def test_a_certificate_that_is_not_there_is_told_at_once(program, tmp_path):
+    done = run_sign("--certificate", str(tmp_path / "nowhere.p12"), str(program))
+    assert done.returncode != 0
+    assert done.stdout == f"there is no file {tmp_path / 'nowhere.p12'}\n"
