@@ -4,6 +4,7 @@
 namespace {
 
 using namespace telvorctl_test;
+using telvorctl::platform::kErrorFileNotFound;
 using telvorctl::platform::kErrorOperationAborted;
 
 const std::string kSecret = "correct horse";
@@ -26,6 +27,7 @@ const std::string kCheckout = R"({"jsonrpc":"2.0","id":1,"method":"POST /ui/bill
 const std::string kAccountPage = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/account-page-url"})";
 
 const std::string kLoggedIn = R"({"ok":true,"auth_state":"AUTH_OK","message":"registered"})";
+const std::string kLoggedOut = R"({"ok":true,"auth_state":"AUTH_REQUIRED","message":"Logged out"})";
 const std::string kResetStarted =
     R"({"ok":true,"request_id":"r-7","masked_email":"a**@x","expires_in_seconds":900,"message":"ok"})";
 
@@ -228,14 +230,48 @@ TEST_F(AccountCommands, ResetConfirmAsksAtATerminal) {
 }
 
 TEST_F(AccountCommands, LogoutTellsOfATunnelThatWasUp) {
-  const std::string loggedOut = R"({"ok":true,"auth_state":"AUTH_REQUIRED","message":"Logged out"})";
   TunnelIs("connected");
-  Result(kLogout, loggedOut);
+  Result(kLogout, kLoggedOut);
+  Result(kEntitlement, kNoSession);
   EXPECT_EQ(Run({"logout"}), 0);
   TunnelIs("disconnected");
-  Result(kLogout, loggedOut);
+  Result(kLogout, kLoggedOut);
+  Result(kEntitlement, kNoSession);
   EXPECT_EQ(Run({"logout"}), 0);
   EXPECT_EQ(gScript.output, "Logged out; the tunnel is taken down.\nLogged out.\n");
+}
+
+// The service says ok all the same, and finds the session again when it next needs one.
+TEST_F(AccountCommands, LogoutTellsOfASessionThatStays) {
+  const std::string paid = R"({"ok":true,"payment_current":true,"status":"active","period_end":null})";
+  const std::string looks[] = {
+      paid, R"({"ok":false,"status":"ERROR","message":"entitlement transport failure"})",
+      R"({"ok":false,"status":"AUTH_REQUIRED","message":"refresh transport failure"})"};
+  for (const std::string& look : looks) {
+    gScript.errors.clear();
+    TunnelIs("disconnected");
+    Result(kLogout, kLoggedOut);
+    Result(kEntitlement, look);
+    EXPECT_EQ(Run({"logout"}), 1);
+    EXPECT_EQ(gScript.errors,
+              "telvorctl: the session could not be removed: the service must be able to delete files in "
+              "C:\\ProgramData\\TELVOR\\auth; then log out again\n");
+  }
+  EXPECT_EQ(gScript.output, "");
+  TunnelIs("disconnected");
+  Result(kLogout, kLoggedOut);
+  Result(kEntitlement, paid);
+  EXPECT_EQ(Run({"logout", "--json"}), 1);
+  EXPECT_EQ(gScript.output, kLoggedOut + "\n");
+}
+
+TEST_F(AccountCommands, LogoutClaimsNothingWhenItCannotLook) {
+  TunnelIs("disconnected");
+  Result(kLogout, kLoggedOut);
+  CannotOpen(kEntitlement, kErrorFileNotFound, true);
+  EXPECT_EQ(Run({"logout"}), 3);
+  EXPECT_EQ(gScript.output, "");
+  EXPECT_EQ(gScript.errors.find("could not be removed"), std::string::npos) << gScript.errors;
 }
 
 TEST_F(AccountCommands, LogoutAsksNothingMoreAfterCtrlC) {

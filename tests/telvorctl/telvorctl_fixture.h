@@ -91,6 +91,11 @@ inline const std::string kConnect = R"({"jsonrpc":"2.0","id":1,"method":"Connect
 inline const std::string kDisconnect = R"({"jsonrpc":"2.0","id":1,"method":"Disconnect"})";
 inline const std::string kEntitlement = R"({"jsonrpc":"2.0","id":1,"method":"GET /ui/entitlement"})";
 
+// Of kEntitlement.
+inline const std::string kNoSession =
+    R"({"ok":false,"payment_current":false,"status":"AUTH_REQUIRED",)"
+    R"("message":"no session: C:\\ProgramData\\TELVOR\\auth\\session.dat"})";
+
 inline std::string State(const std::string& word, const std::string& lastError = "") {
   return R"({"deviceId":"dev-1","wgPublicKey":"KEY=","state":")" + word +
          R"(","protocol":"WireGuard","rxBytes":2048,"txBytes":10,"lastError":)" +

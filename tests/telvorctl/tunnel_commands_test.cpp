@@ -14,8 +14,6 @@ const std::string kNothingYet =
     "seconds, whatever it is asked; see telvorctl logs\n";
 const std::string kAnAttemptHasFailed =
     "telvorctl: nothing yet; an attempt has failed, the service goes on trying; see telvorctl logs\n";
-const std::string kNoSession = R"({"ok":false,"payment_current":false,"status":"AUTH_REQUIRED",)"
-                               R"("message":"no session: C:\\ProgramData\\TELVOR\\auth\\session.dat"})";
 const std::string kPaid = R"({"ok":true,"payment_current":true,"status":"active","period_end":null})";
 const std::string kUnreachable = R"({"ok":false,"payment_current":false,"status":"AUTH_REQUIRED",)"
                                  R"("message":"refresh transport failure"})";

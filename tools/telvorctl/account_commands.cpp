@@ -14,6 +14,11 @@ namespace telvorctl {
 
 namespace {
 
+// The log does not tell of it.
+constexpr char kSessionStays[] =
+    "the session could not be removed: the service must be able to delete files in "
+    "C:\\ProgramData\\TELVOR\\auth; then log out again";
+
 Reply StartResetFor(const std::string& email) {
   return AskForOk("POST /ui/password-reset/start", {{"email", email}});
 }
@@ -33,6 +38,19 @@ ExitCode ConfirmResetOf(const Options& options, const std::string& requestId) {
       "POST /ui/password-reset/confirm",
       {{"email", options.email}, {"request_id", requestId}, {"code", code}, {"new_password", password}});
   return Finish(options, reply, {"The password was changed. Log in with the new one: telvorctl login"});
+}
+
+// The service says ok also if the session's file stays. Its word for the account may be that of a token it
+// remembers: what needs the file decides.
+Reply LogOutAndLook() {
+  Reply reply = AskForOk("POST /ui/logout");
+  if (reply.code != kDone) return reply;
+  const Reply session = LookForSession();
+  if (session.code == kLoginNeeded) return reply;
+  const bool isThere = session.result.is_object();
+  reply.code = isThere ? kFailed : session.code;
+  reply.message = isThere ? kSessionStays : session.message;
+  return reply;
 }
 
 }  // namespace
@@ -66,8 +84,7 @@ ExitCode LogOut(const Options& options) {
   const Reply before = Ask("GetState");
   if (before.code != kDone) return Conclude(before);
   const bool wasUp = IsTunnelUp(before.result);
-  return Finish(options, AskForOk("POST /ui/logout"),
-                {wasUp ? "Logged out; the tunnel is taken down." : "Logged out."});
+  return Finish(options, LogOutAndLook(), {wasUp ? "Logged out; the tunnel is taken down." : "Logged out."});
 }
 
 ExitCode ResetPassword(const Options& options) {
