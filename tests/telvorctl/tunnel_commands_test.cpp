@@ -368,6 +368,7 @@ TEST_F(Tunnel, ConnectHintsAboveItsProgressOnATerminal) {
 }
 
 TEST_F(Telvorctl, DisconnectHintsAtNothing) {
+  TunnelIs("connected");
   Result(kDisconnect, "true");
   for (int look = 0; look < 20; ++look) Result(kGetState, State("connected"));
   Result(kGetState, State("disconnected"));
@@ -426,12 +427,52 @@ TEST_F(Tunnel, ConnectIsRefused) {
 }
 
 TEST_F(Telvorctl, DisconnectWaits) {
+  TunnelIs("connected");
   Result(kDisconnect, "true");
   Result(kGetState, State("connected"));
   Result(kGetState, State("disconnected"));
   EXPECT_EQ(Run({"disconnect"}), 0);
   EXPECT_EQ(gScript.output, "Disconnected.\n");
   EXPECT_EQ(gScript.errors, "Disconnecting\n");
+}
+
+TEST_F(Telvorctl, DisconnectIsFastWhenNoAttemptIsUnderWay) {
+  for (const char* before : {"connected", "disconnected"}) {
+    TunnelIs(before);
+    Result(kDisconnect, "true");
+    TunnelIs("disconnected");
+    EXPECT_EQ(Run({"disconnect"}), 0);
+  }
+  EXPECT_EQ(gScript.now, 1000u);
+}
+
+// The worker may be past the point where it would notice: the tunnel comes up before it is taken down.
+TEST_F(Tunnel, DisconnectOutlastsAnAttemptThatIsUnderWay) {
+  for (const char* before : {"connecting", "error"}) {
+    gScript.output.clear();
+    const uint64_t start = gScript.now;
+    TunnelIs(before);
+    Result(kDisconnect, "true");
+    States(4, "disconnected");
+    States(1, "connected");
+    States(6, "disconnected");
+    EXPECT_EQ(Run({"disconnect"}), 0);
+    EXPECT_EQ(gScript.output, "Disconnected.\n");
+    EXPECT_EQ(gScript.now - start, 5000u);
+  }
+}
+
+TEST_F(Tunnel, DisconnectWaitsNoLongerForThatThanItIsToldTo) {
+  TunnelIs("connecting");
+  Result(kDisconnect, "true");
+  States(3, "disconnected");
+  EXPECT_EQ(Run({"disconnect", "--timeout", "1"}), 0);
+  EXPECT_EQ(gScript.now, 2000u);
+}
+
+TEST_F(Telvorctl, DisconnectAsksNothingMoreAfterCtrlC) {
+  Broken(kGetState, kErrorOperationAborted, "");
+  EXPECT_EQ(Run({"disconnect"}), 130);
 }
 
 TEST_F(Telvorctl, DisconnectWithoutAWait) {
@@ -441,6 +482,7 @@ TEST_F(Telvorctl, DisconnectWithoutAWait) {
 }
 
 TEST_F(Telvorctl, DisconnectTimesOut) {
+  TunnelIs("connected");
   Result(kDisconnect, "true");
   for (int look = 0; look < 3; ++look) Result(kGetState, State("connected"));
   EXPECT_EQ(Run({"disconnect", "--timeout", "1"}), 5);

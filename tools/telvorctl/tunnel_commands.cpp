@@ -138,11 +138,13 @@ ExitCode Connect(const Options& options) {
 }
 
 ExitCode Disconnect(const Options& options) {
+  const Reply before = options.noWait ? Reply() : Ask("GetState");
+  if (before.code != kDone) return Conclude(before);
   const Reply reply = AskForTrue("Disconnect");
   if (reply.code != kDone || options.noWait) {
     return Finish(options, reply, {"The service was asked to disconnect."});
   }
-  return FinishWait(options, WaitUntilDisconnected(options.timeoutSeconds), "Disconnected.",
+  return FinishWait(options, WaitUntilDisconnected(before, options.timeoutSeconds), "Disconnected.",
                     "the service goes on disconnecting");
 }
 

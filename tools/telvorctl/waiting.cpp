@@ -1,5 +1,6 @@
 #include "telvorctl/waiting.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -15,6 +16,8 @@ namespace {
 
 constexpr uint32_t kPollPauseMs = 500;
 constexpr uint32_t kStopPatienceSeconds = 15;
+// For so long an attempt that is broken off may still bring the tunnel up for a moment.
+constexpr uint64_t kSettlingMs = 2500;
 constexpr uint64_t kPatienceSeconds = 5;  // until a wait for the tunnel says what may be the matter
 constexpr char kUnexplained[] = "the service does not say why; see telvorctl logs";
 constexpr char kNothingSeen[] =
@@ -29,6 +32,8 @@ struct Memory {
   const char* hint = nullptr;  // what to say when patience runs out; null: nothing, or it was said
   std::string state;           // empty before the first look
   std::string trouble;         // of the session, where the last error but seems to ask for a login
+  uint64_t since = 0;          // the tick of the first look at `state`
+  uint64_t settlingMs = 0;     // how long the tunnel must be down to stay so
 };
 
 struct Wait {
@@ -111,8 +116,11 @@ bool IsConnectingOver(Reply& reply, Memory& memory) {
   return true;
 }
 
-bool IsDisconnectingOver(Reply& reply, Memory& /*memory*/) {
-  return TextMember(reply.result, "state") == "disconnected";
+bool IsDisconnectingOver(Reply& reply, Memory& memory) {
+  const std::string state = TextMember(reply.result, "state");
+  const uint64_t tick = platform::GetTickCount64();
+  if (std::exchange(memory.state, state) != state) memory.since = tick;
+  return state == "disconnected" && tick - memory.since >= memory.settlingMs;
 }
 
 bool IsStopOver(Reply& reply, Memory& /*memory*/) {
@@ -163,12 +171,20 @@ bool FailedOr(Reply& reply, Memory& memory) {
 }  // namespace
 
 Reply WaitUntilConnected(const Reply& before, uint32_t timeoutSeconds) {
+  Memory memory;
+  memory.earlierError = LastError(before);
+  memory.hint = kNothingSeen;
   return WaitFor({"Connecting", "not connected", FailedOr<IsConnectingOver>, timeoutSeconds},
-                 {LastError(before), kNothingSeen, {}, {}});
+                 std::move(memory));
 }
 
-Reply WaitUntilDisconnected(uint32_t timeoutSeconds) {
-  return WaitFor({"Disconnecting", "not disconnected", FailedOr<IsDisconnectingOver>, timeoutSeconds});
+Reply WaitUntilDisconnected(const Reply& before, uint32_t timeoutSeconds) {
+  const std::string state = TextMember(before.result, "state");
+  Memory memory;
+  if (state == "connecting" || state == "error")
+    memory.settlingMs = std::min(kSettlingMs, uint64_t{timeoutSeconds} * 1000);
+  return WaitFor({"Disconnecting", "not disconnected", FailedOr<IsDisconnectingOver>, timeoutSeconds},
+                 std::move(memory));
 }
 
 Reply WaitUntilStopped() {
