@@ -64,7 +64,7 @@ TEST_F(Routes, AreRemovedAndAnAdministratorsStay) {
             "203.0.113.7/32  192.168.77.1  7      removed\n"
             "203.0.113.8/32  192.168.77.1  7      removed\n");
   EXPECT_EQ(Destinations(), (std::vector<std::string>{"0.0.0.0", "203.0.113.9"}));
-  TunnelIs("error");
+  TunnelIs("disconnected");
   gScript.output.clear();
   EXPECT_EQ(Run({"routes", "--remove"}), 0);
   EXPECT_EQ(gScript.output, "The service has left no route.\n");
@@ -77,6 +77,18 @@ TEST_F(Routes, OfATunnelThatIsUpOrComingUpAreInUse) {
     EXPECT_EQ(Run({"routes", "--remove"}), 1);
     EXPECT_EQ(gScript.errors, std::string("telvorctl: the tunnel is ") + state +
                                   ", its routes are in use; first: telvorctl disconnect\n");
+  }
+  EXPECT_EQ(gMachine.routes.size(), 4u);
+  EXPECT_EQ(gScript.output, "");
+}
+
+// The next attempt would bring them back.
+TEST_F(Routes, AreLeftAloneBetweenTwoAttempts) {
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"routes"}, {"routes", "--remove"}}) {
+    TunnelIs("error");
+    gScript.errors.clear();
+    EXPECT_EQ(Run(words), 1);
+    EXPECT_EQ(gScript.errors, "telvorctl: the service may go on connecting; first: telvorctl disconnect\n");
   }
   EXPECT_EQ(gMachine.routes.size(), 4u);
   EXPECT_EQ(gScript.output, "");
