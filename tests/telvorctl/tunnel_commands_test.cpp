@@ -10,8 +10,8 @@ using telvorctl::platform::kErrorOperationAborted;
 
 constexpr uint32_t kErrorBrokenPipe = 109;
 const std::string kNothingYet =
-    "telvorctl: nothing yet; after a failed attempt, also an earlier one, the service pauses for up to 30 "
-    "seconds, whatever it is asked; see telvorctl logs\n";
+    "telvorctl: nothing yet: the control plane may be slow, or the service sits out the pause (up to 30 "
+    "seconds) after a failed attempt, also an earlier one; see telvorctl logs\n";
 const std::string kAnAttemptHasFailed =
     "telvorctl: nothing yet; an attempt has failed, the service goes on trying; see telvorctl logs\n";
 const std::string kPaid = R"({"ok":true,"payment_current":true,"status":"active","period_end":null})";

@@ -21,8 +21,8 @@ constexpr uint64_t kSettlingMs = 2500;
 constexpr uint64_t kPatienceSeconds = 5;  // until a wait for the tunnel says what may be the matter
 constexpr char kUnexplained[] = "the service does not say why; see telvorctl logs";
 constexpr char kNothingSeen[] =
-    "nothing yet; after a failed attempt, also an earlier one, the service pauses for up to 30 seconds, "
-    "whatever it is asked; see telvorctl logs";
+    "nothing yet: the control plane may be slow, or the service sits out the pause (up to 30 seconds) after "
+    "a failed attempt, also an earlier one; see telvorctl logs";
 constexpr char kFailureSeen[] =
     "nothing yet; an attempt has failed, the service goes on trying; see telvorctl logs";
 
