@@ -38,6 +38,24 @@ TEST_F(Telvorctl, LocationsAreATable) {
             "   us-par-1  Paris  US       us-par-1 name  yes     2026-01-02T03:04:05Z\n");
 }
 
+TEST_F(Telvorctl, LocationsThatAreAllOfflineHaveAHint) {
+  const std::string offline = R"({"servers":[)" + Server("fr-par-1", "Paris", "FR", false) + "," +
+                              Server("jp-tyo-1", "Tokyo", "JP", false) + R"(],"selected_server_id":null})";
+  Result(kLocations, offline);
+  EXPECT_EQ(Run({"locations"}), 0);
+  EXPECT_EQ(
+      gScript.errors,
+      "telvorctl: all locations are shown offline: the control plane may not have been reached, or this "
+      "computer's clock is wrong\n");
+  EXPECT_NE(gScript.output.find("fr-par-1"), std::string::npos);
+  gScript.errors.clear();
+  Result(kLocations, offline);
+  EXPECT_EQ(Run({"locations", "--json"}), 0);
+  Result(kLocations, kThree);  // one is offline
+  EXPECT_EQ(Run({"locations"}), 0);
+  EXPECT_EQ(gScript.errors, "");
+}
+
 TEST_F(Telvorctl, LocationsForScripts) {
   Result(kLocations, R"({"servers":[{"id":"a","lat":52.37}],"selected_server_id":null})");
   EXPECT_EQ(Run({"locations", "--json"}), 0);

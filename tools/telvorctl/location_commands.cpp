@@ -1,5 +1,6 @@
 #include "telvorctl/location_commands.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,12 @@ namespace {
 
 bool HasServers(const Reply& locations) {
   return !Member(locations.result, "servers").empty();
+}
+
+// The service counts a server that was not seen for a while as offline, by this computer's clock.
+bool AllAreOffline(const Json& servers) {
+  return std::none_of(servers.begin(), servers.end(),
+                      [](const Json& server) { return TruthMember(server, "online"); });
 }
 
 // A service that was just started shows no locations until something has made it look at its session, which
@@ -78,7 +85,13 @@ ExitCode ShowLocations(const Options& options) {
   if (locations.code == kDone && !HasServers(locations)) {
     return Finish(options, locations, {"The control plane has no locations."});
   }
-  return Finish(options, locations, LocationLines(locations.result));
+  const ExitCode code = Finish(options, locations, LocationLines(locations.result));
+  if (code == kDone && !options.json && AllAreOffline(Member(locations.result, "servers"))) {
+    Complain(
+        "all locations are shown offline: the control plane may not have been reached, or this computer's "
+        "clock is wrong");
+  }
+  return code;
 }
 
 ExitCode SelectLocation(const Options& options) {
