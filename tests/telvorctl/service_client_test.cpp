@@ -147,6 +147,9 @@ TEST(Explained, AddsWhatToDo) {
             "no session: C:\\x (nobody is logged in; see telvorctl login)");
   EXPECT_EQ(telvorctl::Explained("quota transport failure"),
             "quota transport failure (the control plane cannot be reached, or it refused)");
+  EXPECT_EQ(telvorctl::Explained("login ok but active WG key rotation failed"),
+            "login ok but active WG key rotation failed (the keys' folder may not be writable; see telvorctl "
+            "logs)");
   EXPECT_EQ(telvorctl::Explained("something else"), "something else");
 }
 

@@ -51,6 +51,8 @@ constexpr Explanation kExplanations[] = {
     {"session access token empty", "see telvorctl login", true},
     {"HANDSHAKE_TIMEOUT", "the VPN server does not answer; see telvorctl locations for another", false},
     {"login non-2xx: 401", "the email or the password is wrong", false},
+    {"login ok but active WG key rotation failed", "the keys' folder may not be writable; see telvorctl logs",
+     false},
 };
 constexpr char kUnreachableEnding[] = "transport failure";
 
