@@ -98,6 +98,13 @@ TEST_F(Telvorctl, WrongUsageIsToldAndNothingIsAsked) {
   EXPECT_EQ(gScript.output, "");
 }
 
+TEST_F(Telvorctl, HelpOfSelectTellsWhatIsTakenForALocation) {
+  EXPECT_EQ(Run({"select", "--help"}), 0);
+  EXPECT_NE(gScript.output.find("An id is taken as telvorctl locations shows it"), std::string::npos)
+      << gScript.output;
+  EXPECT_NE(gScript.output.find("No country, and nothing\nshortened."), std::string::npos) << gScript.output;
+}
+
 TEST_F(Telvorctl, HelpOfALoginShowsScriptsTheirWay) {
   for (const char* command : {"login", "register"}) {
     gScript.output.clear();

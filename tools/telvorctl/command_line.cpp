@@ -78,6 +78,10 @@ void TakePlace(CLI::App& app, Options& options) {
   app.add_option("PLACE", options.place, "a location's id, or its city if that is enough")
       ->type_name("")
       ->required();
+  app.footer(
+      "An id is taken as telvorctl locations shows it; a city or a name in capitals or\n"
+      "not, but whole, and only if no other location has it. No country, and nothing\n"
+      "shortened.");
 }
 
 void TakeLogOptions(CLI::App& app, Options& options) {
