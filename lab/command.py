@@ -220,7 +220,7 @@ def install(laboratory, options):
 
 
 def remove(laboratory, options):
-    from lab import windows
+    from lab import prefix, windows
 
     laboratory.pipe.close()
     products = windows.installed_products(laboratory)
@@ -228,6 +228,10 @@ def remove(laboratory, options):
         raise NotDone("TELVOR is not installed.")
     for code in products:
         tell_installer(windows.remove(laboratory, code, *options.rest, check=False), "removed", laboratory)
+    left = windows.drive(laboratory) / prefix.PROGRAM_FOLDER / "telvor.exe"
+    if left.exists():
+        raise NotDone("telvor.exe is still there: the service had not stopped in time, and the laboratory's "
+                      "installer does not wait for it. Install again in a few seconds, then remove.")
 
 
 def tell_installer(finished, done, laboratory):

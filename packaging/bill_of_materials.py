@@ -27,7 +27,7 @@ def document(build, installed, msi):
     files = [_file(path, path.name, NO_STATEMENT) for path in installed]
     files += [_file(pathlib.Path(path), path, each.kind.license) for each in found for path in each.files]
     by_name = {each["fileName"]: each for each in files}
-    packages = [_product(msi, [by_name[f"./{path.name}"] for path in installed])]
+    packages = [_product(build, msi, [by_name[f"./{path.name}"] for path in installed])]
     packages += [_package(each, [by_name[f".{path}"] for path in each.files]) for each in found]
     name = f"telvor-{identity.version()}"
     content = "\n".join(each["checksums"][-1]["checksumValue"] for each in files)
@@ -79,12 +79,18 @@ def _described(package, files):
             "licenseInfoFromFiles": [NO_STATEMENT]}
 
 
-def _product(msi, files):
+def _control_plane(build):
+    """The one that the build is for."""
+    cache = (build / "CMakeCache.txt").read_text(encoding="utf-8")
+    return re.search(r"^TELVOR_CP_BASE_URL:\w+=(.*)$", cache, re.MULTILINE)[1]
+
+
+def _product(build, msi, files):
     return _described({
         "SPDXID": PRODUCT, "name": "TELVOR", "versionInfo": identity.version(), "packageFileName": msi.name,
         "supplier": "Organization: TELVOR", "downloadLocation": NO_STATEMENT, "checksums": _checksums(msi),
         "licenseConcluded": NO_STATEMENT, "licenseDeclared": NO_STATEMENT, "copyrightText": NO_STATEMENT,
-        "primaryPackagePurpose": "INSTALL"}, files)
+        "comment": f"For the control plane {_control_plane(build)}.", "primaryPackagePurpose": "INSTALL"}, files)
 
 
 def _package(component, files):

@@ -52,6 +52,7 @@ def test_rules_notice_a_breach(bill, spoil, told):
 def test_every_installed_file_stands_with_its_sum(bill, files, msi):
     product = package(bill, "TELVOR")
     assert product["packageFileName"] == msi.name
+    assert product["comment"] == "For the control plane https://cp.telvor.test:8443."
     assert sha256(product) == hashlib.sha256(msi.read_bytes()).hexdigest()
     listed = {each["fileName"]: sha256(each) for each in bill["files"]}
     for path in files.iterdir():

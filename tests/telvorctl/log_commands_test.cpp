@@ -75,7 +75,8 @@ TEST_F(Telvorctl, FollowOutlivesTheService) {
   EXPECT_EQ(Run({"logs", "--follow", "-n", "1"}), 130);
   EXPECT_EQ(gScript.output, "b\nc\n");
   EXPECT_EQ(gScript.errors,
-            "telvorctl: IPC: no request; waiting for it\ntelvorctl: the service answers again\n");
+            "telvorctl: IPC: no request (the request did not arrive whole; the service may be stopping); "
+            "waiting for it\ntelvorctl: the service answers again\n");
 }
 
 TEST_F(Telvorctl, FollowTellsOnceThatTheServiceIsAway) {

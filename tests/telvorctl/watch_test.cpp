@@ -64,7 +64,7 @@ TEST_F(Telvorctl, WatchOutlivesTheService) {
   EXPECT_EQ(Run({"watch"}), 130);
   EXPECT_EQ(gScript.output,
             "TELVOR, looked at every 2 seconds; Ctrl+C ends\n"
-            "IPC: no request\n"
+            "IPC: no request (the request did not arrive whole; the service may be stopping)\n"
             "\n"
             "TELVOR, looked at every 2 seconds; Ctrl+C ends\n"
             "Tunnel      CONNECTED (WireGuard)\n"

@@ -46,6 +46,7 @@ struct Explanation {
 constexpr Explanation kExplanations[] = {
     {kAuthRequired, "nobody is logged in; see telvorctl login", true},
     {"SESSION_EXPIRED", "the session has expired; see telvorctl login", true},
+    {"IPC: no request", "the request did not arrive whole; the service may be stopping", false},
     {"auth required", "see telvorctl login", true},
     {"no session:", "nobody is logged in; see telvorctl login", true},
     {"session access token empty", "see telvorctl login", true},
