@@ -14,7 +14,7 @@ import pytest
 
 from conftest import BUILD, ROOT
 from lab import claims, command, network, prefix, product, steps, windows
-from lab.laboratory import EMAIL, PASSWORD, Laboratory
+from lab.laboratory import EMAIL, PASSWORD, Laboratory, wait_until
 
 DONE, NOT_VERIFIED, CANNOT_RUN, INTERRUPTED = 0, 1, 2, 130
 LINE = '{"id":1,"method":"GetState"}'
@@ -109,6 +109,19 @@ def test_it_can_be_removed_and_installed_again(kept, capfdbinary):
         assert run(capfdbinary, *words) == (
             NOT_VERIFIED, "", "TELVOR is not installed; ./run install installs it.\n")
     assert run(capfdbinary, "install") == (DONE, f"installed; TELVOR {product.version()} is there\n", "")
+    windows.wait_for_service(kept, "RUNNING")
+
+
+def test_a_removal_that_leaves_the_program_says_so(kept, capfdbinary):
+    """telvorctl.exe stops the service; without it the laboratory's installer does not wait for its end."""
+    program = windows.drive(kept) / prefix.PROGRAM_FOLDER
+    (program / "telvorctl.exe").unlink()
+    code, output, errors = run(capfdbinary, "remove")
+    assert (code, output) == (NOT_VERIFIED, "removed; TELVOR is not there\n")
+    assert errors.startswith("telvor.exe is still there")
+    wait_until(lambda: windows.service_state(kept), lambda state: state == windows.NO_SUCH_SERVICE, 30,
+               "the end of the service")
+    assert run(capfdbinary, "install")[0] == DONE
     windows.wait_for_service(kept, "RUNNING")
 
 
