@@ -59,7 +59,7 @@ TEST(ExtractServersArrayObjects, NeedsTheKeyWithItsColonAndAnArray) {
 
 TEST(ExtractServersArrayObjects, RefusesWhatIsNoObject) {
   for (const char* body : {R"({"servers":[1]})", R"({"servers":["a"]})", R"({"servers":[[{}]]})",
-                           R"({"servers":[,{}]})", R"({"servers":[null]})"}) {
+                           R"({"servers":[,{}]})", R"({"servers":[null]})", "{\"servers\":[\b{}]}"}) {
     SCOPED_TRACE(body);
     EXPECT_FALSE(Extract(body).ok);
     EXPECT_EQ(Extract(body).objects, Objects());
