@@ -193,10 +193,14 @@ def control(laboratory, options):
     become_program(laboratory, prefix.TELVORCTL, *options.rest)
 
 
-def require_installed(laboratory):
+def is_program_there(laboratory):
     from lab import prefix, windows
 
-    if not (windows.drive(laboratory) / prefix.PROGRAM_FOLDER / "telvor.exe").exists():
+    return (windows.drive(laboratory) / prefix.PROGRAM_FOLDER / "telvor.exe").exists()
+
+
+def require_installed(laboratory):
+    if not is_program_there(laboratory):
         raise NotDone("TELVOR is not installed; ./run install installs it.")
 
 
@@ -220,7 +224,7 @@ def install(laboratory, options):
 
 
 def remove(laboratory, options):
-    from lab import prefix, windows
+    from lab import windows
 
     laboratory.pipe.close()
     products = windows.installed_products(laboratory)
@@ -228,8 +232,7 @@ def remove(laboratory, options):
         raise NotDone("TELVOR is not installed.")
     for code in products:
         tell_installer(windows.remove(laboratory, code, *options.rest, check=False), "removed", laboratory)
-    left = windows.drive(laboratory) / prefix.PROGRAM_FOLDER / "telvor.exe"
-    if left.exists():
+    if is_program_there(laboratory):
         raise NotDone("telvor.exe is still there: the service had not stopped in time, and the laboratory's "
                       "installer does not wait for it. Install again in a few seconds, then remove.")
 
