@@ -4,17 +4,22 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
-// As std::string_view::find, for a pattern of at least two bytes. Where the processor has AVX2, 256 positions
-// are looked at in one step: those where the two bytes of the pattern match that are the rarest in JSON.
+// As std::string_view::find, for a pattern of at least two bytes. Where the processor has AVX-512 or AVX2,
+// 256 positions are looked at in one step: those where the two bytes of the pattern match that are the rarest
+// in JSON.
 size_t FindText(std::string_view text, std::string_view pattern);
 
-// The same on any processor.
-size_t FindTextPortably(std::string_view text, std::string_view pattern);
+using TextSearch = size_t (*)(std::string_view text, std::string_view pattern);
+
+// The searches that this processor is able to run, all of which find the same: the fastest first, which is
+// FindText's, and last the one for any processor.
+const std::vector<TextSearch>& TextSearches();
 
 // 64 bytes, which can be asked for all their positions of a byte at once.
 struct ByteBlock {
