@@ -6,6 +6,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <typeinfo>
+#include <utility>
 
 #include "kernel.h"
 #include "trace_text.h"
@@ -15,14 +18,24 @@ namespace sim {
 inline constexpr uint32_t kErrorInvalidHandle = 6;
 inline constexpr uint32_t kErrorOperationAborted = 995;
 
+extern bool gFreeRunning;  // the booted machine has no baton
+
 // Holds the machine's lock in free-running mode; a function that touches a device's state outside a Call has
 // one. With the baton it does nothing.
 class Guard {
  public:
-  Guard();
-  ~Guard();
+  Guard() {
+    if (gFreeRunning) Lock();
+  }
+  ~Guard() {
+    if (gFreeRunning) Unlock();
+  }
   Guard(const Guard&) = delete;
   Guard& operator=(const Guard&) = delete;
+
+ private:
+  static void Lock();
+  static void Unlock();
 };
 
 // One platform call. Constructing it is a scheduling point (the baton may change hands; a thread of an ended
@@ -33,7 +46,7 @@ class Guard {
 class Call {
  public:
   enum class Kind { kOrdinary, kReleasing };
-  Call(const char* operation, std::string arguments, Kind kind = Kind::kOrdinary);
+  Call(std::string_view operation, std::string arguments, Kind kind = Kind::kOrdinary);
   ~Call();
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
@@ -58,9 +71,9 @@ class Call {
   void BeginTrace();
   void ApplyFaults();
 
-  const char* operation_;
+  std::string_view operation_;  // a literal
   std::string arguments_;
-  std::string result_;
+  std::string result_ = "ok";
   std::optional<uint32_t> fault_;
   std::optional<Guard> lock_;
   bool inert_ = false;    // no machine, or within a condition of RunUntil
@@ -69,7 +82,7 @@ class Call {
   bool canFail_ = false;
   uint64_t begun_ = 0;        // virtual milliseconds
   uint64_t traceNumber_ = 0;  // 0: not in the trace
-  const char* outerOperation_ = "";
+  std::string_view outerOperation_;
   const std::string* outerArguments_ = nullptr;
 };
 
@@ -79,7 +92,7 @@ void SetLastError(uint32_t code);
 inline constexpr uint64_t kForever = UINT64_MAX;
 // Lets the calling simulated thread wait outside a platform call, as Call::WaitFor does; `what` is for
 // listings.
-bool WaitUntil(const char* what, const std::function<bool()>& ready, uint64_t milliseconds);
+bool WaitUntil(std::string_view what, const std::function<bool()>& ready, uint64_t milliseconds);
 // Runs `action` when so much virtual time has passed; it must not wait.
 void After(uint64_t milliseconds, std::function<void()> action);
 // Random bits for the devices, from the seed but apart from the schedule's.
@@ -112,16 +125,20 @@ void ForEachOpenObject(const std::function<void(Object&)>& visit);
 
 // A handle that was closed already or is of another kind is reported as a failure of the test; the null and
 // the invalid handle are not, to pass one on is an ordinary failure.
-void ReportMisuse(const char* operation, platform::Handle handle);
+void ReportMisuse(std::string_view operation, platform::Handle handle);
 
 template <class T>
 std::shared_ptr<T> Find(platform::Handle handle) {
-  return std::dynamic_pointer_cast<T>(FindObject(handle));
+  std::shared_ptr<Object> object = FindObject(handle);
+  // Mostly it is just of that type, which is seen sooner than that it is of one derived from it.
+  const Object* there = object.get();
+  if (there && typeid(*there) == typeid(T)) return std::static_pointer_cast<T>(std::move(object));
+  return std::dynamic_pointer_cast<T>(std::move(object));
 }
 
 // As Find, with ReportMisuse.
 template <class T>
-std::shared_ptr<T> Use(const char* operation, platform::Handle handle) {
+std::shared_ptr<T> Use(std::string_view operation, platform::Handle handle) {
   std::shared_ptr<T> object = Find<T>(handle);
   if (!object) ReportMisuse(operation, handle);
   return object;
@@ -129,7 +146,7 @@ std::shared_ptr<T> Use(const char* operation, platform::Handle handle) {
 
 // A whole platform call that closes a handle to a T.
 template <class T>
-bool CloseAs(const char* operation, platform::Handle handle) {
+bool CloseAs(std::string_view operation, platform::Handle handle) {
   Call call(operation, Args("handle", handle), Call::Kind::kReleasing);
   if (call.Faulted()) return false;
   if (!Use<T>(operation, handle)) return call.Fail(kErrorInvalidHandle);

@@ -152,7 +152,7 @@ platform::Handle NotOpened(Call& call, uint32_t code) {
 }
 
 // The exchange behind a handle, once its response has arrived; null fails the call.
-std::shared_ptr<Exchange> Received(Call& call, const char* operation, platform::Handle request) {
+std::shared_ptr<Exchange> Received(Call& call, std::string_view operation, platform::Handle request) {
   auto exchange = Use<Exchange>(operation, request);
   if (!exchange) {
     call.Fail(kErrorInvalidHandle);

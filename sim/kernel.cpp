@@ -33,7 +33,7 @@ struct HandleEntry {
   uintptr_t value = 0;
   std::shared_ptr<Object> object;
   // Where it was made, for the listing of leaks.
-  const char* operation = "";
+  std::string_view operation;
   std::string threadName;  // empty: a thread that the machine does not know
   uint32_t thread = 0;
   uint64_t time = 0;
@@ -131,18 +131,18 @@ void ReportLeaks() {
   ReportFailure(text);
 }
 
-bool Matches(const std::string& operation, const std::string& part, const char* called,
+bool Matches(const std::string& operation, const std::string& part, std::string_view called,
              const std::string& arguments) {
   return operation == called && (part.empty() || arguments.find(part) != std::string::npos);
 }
 
-bool Fits(const Action& action, const char* operation, const std::string& arguments) {
+bool Fits(const Action& action, std::string_view operation, const std::string& arguments) {
   if (action.callNumber != 0) return action.callNumber == gKernel.calls;
   return Matches(action.operation, action.argumentsContain, operation, arguments);
 }
 
 // Counts the call, and takes the first action that fits it out of the list.
-std::function<void()> TakeAction(const char* operation, const std::string& arguments) {
+std::function<void()> TakeAction(std::string_view operation, const std::string& arguments) {
   Guard guard;
   ++gKernel.calls;
   auto& actions = gKernel.actions;
@@ -227,12 +227,13 @@ void StartClientThread(const std::string& name, std::function<void()> start) {
   AddThread(name, Thread::Owner::kClient, std::move(start));
 }
 
-bool WaitUntil(const char* what, const std::function<bool()>& ready, uint64_t milliseconds) {
+bool WaitUntil(std::string_view what, const std::function<bool()>& ready, uint64_t milliseconds) {
   Thread* self = CurrentThread();
   Guard guard;
-  if (Inspecting() && !ready()) ReportFailure(std::string("a condition or timer must not wait: ") + what);
+  if (Inspecting() && !ready())
+    ReportFailure(std::string("a condition or timer must not wait: ").append(what));
   if (!self || Inspecting() || ready()) return ready();
-  const char* outer = std::exchange(self->operation, what);
+  const std::string_view outer = std::exchange(self->operation, what);
   const bool held = Block(*self, ready, milliseconds);
   self->operation = outer;
   if (self->condemned && std::uncaught_exceptions() == 0) throw ProcessEnded{};
@@ -305,7 +306,7 @@ size_t CountCalls(const std::string& operation, const std::string& argumentsCont
   Guard guard;
   size_t count = 0;
   for (const TraceEntry& entry : gKernel.trace) {
-    if (Matches(operation, argumentsContain, entry.operation.c_str(), entry.arguments)) ++count;
+    if (Matches(operation, argumentsContain, entry.operation, entry.arguments)) ++count;
   }
   return count;
 }
@@ -320,8 +321,8 @@ std::string TraceText() {
   Guard guard;
   std::string text;
   for (const TraceEntry& entry : gKernel.trace) {
-    text += std::to_string(entry.time) + ' ' + std::to_string(entry.thread) + ' ' + entry.operation + ' ' +
-            entry.arguments + " -> " + entry.result + '\n';
+    text += std::to_string(entry.time) + ' ' + std::to_string(entry.thread) + ' ';
+    text.append(entry.operation).append(" ").append(entry.arguments) += " -> " + entry.result + '\n';
   }
   return text;
 }
@@ -372,10 +373,10 @@ void ForEachOpenObject(const std::function<void(Object&)>& visit) {
   for (const HandleEntry& entry : gKernel.handles) visit(*entry.object);
 }
 
-void ReportMisuse(const char* operation, platform::Handle handle) {
+void ReportMisuse(std::string_view operation, platform::Handle handle) {
   if (!handle || handle == platform::InvalidHandle()) return;
   const std::shared_ptr<Object> object = FindObject(handle);
-  std::string text = operation + std::string(" on handle ");
+  std::string text = std::string(operation) + " on handle ";
   AppendValue(text, handle);
   if (object) {
     text += ", which is a " + object->kind;
@@ -410,7 +411,7 @@ void SetLastError(uint32_t code) {
 
 // ---- The platform call ----
 
-Call::Call(const char* operation, std::string arguments, Kind kind)
+Call::Call(std::string_view operation, std::string arguments, Kind kind)
     : operation_(operation), arguments_(std::move(arguments)) {
   inert_ = !CurrentThread() || !MachineRuns() || Inspecting();
   if (inert_) {
@@ -470,7 +471,6 @@ Call::~Call() {
   Thread& self = *CurrentThread();
   self.operation = outerOperation_;
   self.arguments = outerArguments_;
-  if (result_.empty()) result_ = "ok";
   Return();
 }
 
@@ -479,7 +479,7 @@ void Call::Return() {
   if (TraceEntry* entry = FindTrace(traceNumber_)) {
     entry->result = result_;
   }
-  if (dead_ || FreeRunning()) return;
+  if (dead_ || gFreeRunning) return;
   TraceEntry& entry = gKernel.returned;
   entry.time = begun_;
   entry.thread = CurrentThread()->id;

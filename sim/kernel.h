@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "service/platform.h"
@@ -120,7 +121,7 @@ void FailLock(const platform::Mutex& mutex, uint32_t times = 1);
 struct TraceEntry {
   uint64_t time = 0;    // virtual milliseconds
   uint32_t thread = 0;  // 0 is the driver
-  std::string operation;
+  std::string_view operation;
   std::string arguments;  // all of them, name=value separated by blanks, texts in UTF-8 and double quotes
   std::string result;     // empty while the call has not returned
   bool canFail = false;   // the operation knows failure: a Fault had or would have had an effect

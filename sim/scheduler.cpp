@@ -72,7 +72,7 @@ bool Inspect(const std::function<bool()>& condition) {
 }
 
 void WatchStep(const Thread& self) {
-  if (!gWatch.step || self.condemned || gScheduler->options.freeRunning) return;
+  if (!gWatch.step || self.condemned || gFreeRunning) return;
   Inspection inspection;
   gWatch.step(self.id);
 }
@@ -98,7 +98,7 @@ std::string Listing() {
   std::string text = "virtual time " + std::to_string(gScheduler->now) + " ms\n";
   for (const auto& thread : gScheduler->threads) {
     text += "  thread " + std::to_string(thread->id) + " '" + thread->name + "' " + StateText(*thread);
-    if (*thread->operation) text += std::string(" in ") + thread->operation;
+    if (!thread->operation.empty()) text.append(" in ").append(thread->operation);
     if (thread->arguments) text += ' ' + *thread->arguments;
     if (thread->state == Thread::State::kWaiting && thread->deadline != kForever) {
       text += " until " + std::to_string(thread->deadline);
@@ -267,7 +267,7 @@ void CountStep(Thread& self) {
   if (&self == &driver || driver.deadline == kForever) Deadlock(reason);
   ReportFailure(reason + "; the driver's wait is given up\n" + Listing());
   driver.deadline = s.now;
-  s.gaveUp = !s.options.freeRunning;
+  s.gaveUp = !gFreeRunning;
 }
 
 bool Condemned(const Thread& thread) {
@@ -298,7 +298,7 @@ void MoveToFinished(Thread& self) {
 
 void RunThread(Thread& self, std::function<void()> body) {
   tCurrent = &self;
-  const bool freeRunning = gScheduler->options.freeRunning;
+  const bool freeRunning = gFreeRunning;
   if (!freeRunning) {
     std::unique_lock lock(gLock);
     self.wake.wait(lock, [&self] { return self.turn; });
@@ -323,10 +323,13 @@ void JoinFinished() {
 
 }  // namespace
 
+bool gFreeRunning = false;
+
 void BootScheduler(const Options& options) {
   gScheduler = std::make_unique<Scheduler>();
   Scheduler& s = *gScheduler;
   s.options = options;
+  gFreeRunning = options.freeRunning;
   s.random = options.seed;
   s.deviceRandom = ~options.seed;
   s.preemptOneIn = kPreemptOneIn[Draw(s.random) % std::size(kPreemptOneIn)];
@@ -345,13 +348,11 @@ void ShutDownScheduler() {
   LeaveOneProcessor();
   tCurrent = nullptr;
   gScheduler.reset();
+  gFreeRunning = false;
 }
 
 bool MachineRuns() {
   return gScheduler != nullptr;
-}
-bool FreeRunning() {
-  return gScheduler && gScheduler->options.freeRunning;
 }
 Thread* CurrentThread() {
   return tCurrent;
@@ -365,7 +366,7 @@ void SetWatch(const Watch& watch) {
 }
 
 void WatchReturned(const TraceEntry& entry) {
-  if (!gWatch.returned || gScheduler->options.freeRunning) return;
+  if (!gWatch.returned || gFreeRunning) return;
   Inspection inspection;
   gWatch.returned(entry);
 }
@@ -378,13 +379,13 @@ std::string ThreadListing() {
 Thread& AddThread(const std::string& name, Thread::Owner owner, std::function<void()> body) {
   Guard guard;
   Scheduler& s = *gScheduler;
-  if (!s.options.freeRunning) JoinFinished();
+  if (!gFreeRunning) JoinFinished();
   auto thread = std::make_unique<Thread>();
   Thread& added = *thread;
   added.id = s.nextThreadId++;
   added.name = name;
   added.owner = owner;
-  added.state = s.options.freeRunning ? Thread::State::kRunning : Thread::State::kReady;
+  added.state = gFreeRunning ? Thread::State::kRunning : Thread::State::kReady;
   s.threads.push_back(std::move(thread));
   added.native =
       std::thread([&added, task = std::move(body)]() mutable { RunThread(added, std::move(task)); });
@@ -394,7 +395,7 @@ Thread& AddThread(const std::string& name, Thread::Owner owner, std::function<vo
 void SchedulingPoint(Thread& self) {
   Scheduler& s = *gScheduler;
   if (Inspecting()) return;
-  if (s.options.freeRunning) {
+  if (gFreeRunning) {
     Guard guard;
     CountStep(self);
     return;
@@ -415,7 +416,7 @@ bool Block(Thread& self, const std::function<bool()>& condition, uint64_t millis
   self.condition = &condition;
   self.deadline = milliseconds > kForever - now ? kForever : now + milliseconds;
   self.satisfied = false;
-  if (gScheduler->options.freeRunning) {
+  if (gFreeRunning) {
     BlockFreely(self);
   } else {
     self.state = Thread::State::kWaiting;
@@ -462,12 +463,11 @@ void Deadlock(const std::string& reason) {
   std::abort();
 }
 
-Guard::Guard() {
-  if (FreeRunning() && tGuardDepth++ == 0) gLock.lock();
+void Guard::Lock() {
+  if (tGuardDepth++ == 0) gLock.lock();
 }
 
-Guard::~Guard() {
-  if (!FreeRunning()) return;
+void Guard::Unlock() {
   // Conditions that are looked at here may have guards of their own.
   if (tGuardDepth == 1) WakeReady();
   if (--tGuardDepth == 0) gLock.unlock();
@@ -515,7 +515,7 @@ bool RunUntilFreely(const std::function<bool()>& condition, uint64_t millisecond
 
 bool RunUntil(const std::function<bool()>& condition, uint64_t milliseconds) {
   Scheduler& s = *gScheduler;
-  if (s.options.freeRunning) return RunUntilFreely(condition, milliseconds);
+  if (gFreeRunning) return RunUntilFreely(condition, milliseconds);
   if (tCurrent != &Driver()) Deadlock("RunUntil belongs to the driver");
   if (Inspect(condition)) return true;
   s.watch = &condition;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "device.h"
@@ -26,7 +27,7 @@ struct Thread {
   uint64_t deadline = kForever;
   bool satisfied = false;
   // What it is in, for listings.
-  const char* operation = "";
+  std::string_view operation;
   const std::string* arguments = nullptr;
 
   bool turn = false;  // the baton was handed over
@@ -39,7 +40,6 @@ void BootScheduler(const Options& options);
 // All threads but the driver have ended.
 void ShutDownScheduler();
 bool MachineRuns();
-bool FreeRunning();
 Thread* CurrentThread();  // null on a thread that the machine does not know
 
 Thread& AddThread(const std::string& name, Thread::Owner owner, std::function<void()> body);

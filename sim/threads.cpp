@@ -95,7 +95,7 @@ void LockByBaton(const platform::Mutex& mutex) {
   MutexState& state = gMutexes[&mutex];
   if (state.owner == &self) Deadlock("thread '" + self.name + "' locks a mutex that it holds");
   if (state.owner) {
-    const char* outer = std::exchange(self.operation, "Mutex::lock");
+    const std::string_view outer = std::exchange(self.operation, "Mutex::lock");
     Block(
         self, [&state] { return state.owner == nullptr; }, kForever);
     self.operation = outer;
@@ -429,7 +429,7 @@ void Mutex::lock() {
     return;
   }
   if (!sim::Inspecting() && sim::TakeLockFailure(*this)) sim::ThrowLockFailure();
-  if (sim::FreeRunning()) {
+  if (sim::gFreeRunning) {
     sim::LockFreely(native_);
   } else {
     sim::LockByBaton(*this);
@@ -437,7 +437,7 @@ void Mutex::lock() {
 }
 
 void Mutex::unlock() {
-  if (!sim::KnownThread() || sim::FreeRunning()) {
+  if (!sim::KnownThread() || sim::gFreeRunning) {
     native_.unlock();
   } else {
     sim::UnlockByBaton(*this);

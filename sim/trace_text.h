@@ -1,6 +1,7 @@
 // The arguments and results of platform calls as the trace shows them.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -24,13 +25,12 @@ requires std::is_integral_v<T>
 void AppendValue(std::string& out, T value) {
   std::array<char, 24> digits{};
   const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
-  out.append(digits.data(), end);
+  out.append(digits.data(), static_cast<size_t>(end - digits.data()));
 }
 inline void AppendValue(std::string& out, Hex number) {
-  std::array<char, 16> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number.value, 16).ptr;
-  out += "0x";
-  out.append(digits.data(), end);
+  std::array<char, 18> digits{'0', 'x'};
+  const auto end = std::to_chars(digits.data() + 2, digits.data() + digits.size(), number.value, 16).ptr;
+  out.append(digits.data(), static_cast<size_t>(end - digits.data()));
 }
 inline void AppendValue(std::string& out, const std::string& text) {
   out += '"';
@@ -64,9 +64,12 @@ inline void AppendValue(std::string& out, const void* handle) {
 inline void AppendArguments(std::string&) {}
 template <size_t kSize, class T, class... Rest>
 void AppendArguments(std::string& out, const char (&name)[kSize], const T& value, const Rest&... rest) {
-  if (!out.empty()) out += ' ';
-  out.append(&name[0], kSize - 1);
-  out += '=';
+  std::array<char, kSize + 1> piece;  // " name="
+  piece.front() = ' ';
+  std::copy_n(&name[0], kSize - 1, &piece[1]);
+  piece.back() = '=';
+  const size_t from = out.empty() ? 1 : 0;
+  out.append(&piece[from], piece.size() - from);
   if constexpr (std::is_array_v<T>) {
     AppendValue(out, &value[0]);
   } else {

@@ -88,7 +88,7 @@ inline Lines SentBearers() {
 inline Lines Operations(const std::string& part) {
   Lines names;
   for (const sim::TraceEntry& entry : sim::Trace()) {
-    if (entry.operation.find(part) != std::string::npos) names.push_back(entry.operation);
+    if (entry.operation.find(part) != std::string::npos) names.emplace_back(entry.operation);
   }
   return names;
 }

@@ -25,7 +25,7 @@ TEST(WriteDropFile, OpensForWritingAndSharesReading) {
   sim::Machine machine;
   WriteDropFile(L"C:\\VPN\\drop.txt", L"b");
   std::vector<std::string> operations;
-  for (const sim::TraceEntry& entry : sim::Trace()) operations.push_back(entry.operation);
+  for (const sim::TraceEntry& entry : sim::Trace()) operations.emplace_back(entry.operation);
   EXPECT_EQ(operations,
             (std::vector<std::string>{"CreateFileW", "WriteFile", "FlushFileBuffers", "CloseHandle"}));
   EXPECT_EQ(sim::CountCalls("CreateFileW", "access=0x40000000 share=1 disposition=2"), 1u);

@@ -32,7 +32,7 @@ Texts HandlesIn(const std::string& text) {
 }
 
 // The call writes a line of the log, or looks for the file to do so.
-bool WritesTheLog(const std::string& operation, const std::string& text) {
+bool WritesTheLog(std::string_view operation, const std::string& text) {
   return operation == "GetLocalTime" || operation == "GetEnvironmentVariableW" ||
          text.find("vpnservice.log\" access=0x4 ") != std::string::npos || text.ends_with("sorvanik-vpn\"");
 }
@@ -59,7 +59,7 @@ void Read(Reader& reader, const sim::TraceEntry& entry) {
   reader.texts.push_back(TextOf(reader, entry));
   const std::string& text = reader.texts.back();
   for (const std::string& handle : HandlesIn(entry.result)) {
-    reader.makers.emplace(handle, entry.operation + " " + entry.arguments);
+    reader.makers.emplace(handle, std::string(entry.operation) + " " + entry.arguments);
   }
   if (!WritesTheLog(entry.operation, text)) {
     reader.calls[entry.thread].push_back(number);
@@ -80,7 +80,9 @@ std::string RequestOf(const sim::TraceEntry& entry, const Texts& following) {
 void AddNeighbours(const Reader& reader, const std::vector<sim::TraceEntry>& trace, size_t number,
                    Place& place) {
   const std::vector<size_t>& calls = reader.calls.at(trace[number].thread);
-  const auto describe = [&](size_t other) { return trace[other].operation + " " + reader.texts[other]; };
+  const auto describe = [&](size_t other) {
+    return std::string(trace[other].operation) + " " + reader.texts[other];
+  };
   const auto here = std::lower_bound(calls.begin(), calls.end(), number);
   for (auto next = std::upper_bound(calls.begin(), calls.end(), number);
        next != calls.end() && place.following.size() < kNeighboursAfter; ++next) {

@@ -70,7 +70,8 @@ UndisturbedDay LiveUndisturbed() {
   day.places = PlacesOf(day.trace);
   for (size_t i = 0; i < day.trace.size(); ++i) {
     const sim::TraceEntry& entry = day.trace[i];
-    day.expectations.push_back(entry.canFail ? FindExpectation(entry.operation, day.places[i]) : nullptr);
+    day.expectations.push_back(entry.canFail ? FindExpectation(std::string(entry.operation), day.places[i])
+                                             : nullptr);
   }
   day.told = Told(diary, 0, 0);
   day.configurations = diary.configurations;
@@ -112,14 +113,15 @@ std::vector<size_t> EveryNth(size_t first, size_t step, bool onlyThatCanFail) {
 
 size_t CountOfOperations(const std::vector<size_t>& calls) {
   std::set<std::string> operations;
-  for (const size_t i : calls) operations.insert(Undisturbed().trace[i].operation);
+  for (const size_t i : calls) operations.emplace(Undisturbed().trace[i].operation);
   return operations.size();
 }
 
 // An early one of each operation, so that little of the day is to be lived before it.
 std::vector<size_t> OneOfEachOperation() {
   std::map<std::string, std::vector<size_t>> groups;
-  for (const size_t i : EveryNth(0, 1, true)) groups[Undisturbed().trace[i].operation].push_back(i);
+  for (const size_t i : EveryNth(0, 1, true))
+    groups[std::string(Undisturbed().trace[i].operation)].push_back(i);
   std::vector<size_t> chosen;
   chosen.reserve(groups.size());
   for (const auto& [operation, calls] : groups) chosen.push_back(calls[calls.size() / kEarly]);
@@ -131,7 +133,7 @@ const Expectation* ExpectationOf(size_t i) {
 }
 
 std::string OperationOf(size_t i) {
-  return Undisturbed().trace[i].operation;
+  return std::string(Undisturbed().trace[i].operation);
 }
 
 // ---- One failure ----
@@ -176,7 +178,7 @@ size_t HandlesThatMayStay(bool askedToStop) {
   size_t count = askedToStop ? kInstancesCutOff : 0;
   for (const sim::TraceEntry& entry : sim::Trace()) {
     const bool pipeBefore = before[entry.thread] == "CreatePipe";
-    if (entry.result.starts_with("failed")) count += HandlesLeftBy(entry.operation, pipeBefore);
+    if (entry.result.starts_with("failed")) count += HandlesLeftBy(std::string(entry.operation), pipeBefore);
     before[entry.thread] = entry.operation;
   }
   return count;

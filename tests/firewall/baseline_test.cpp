@@ -358,7 +358,7 @@ TEST(EnableFailClosedBaseline, ResolvesTheBuiltInUrlInsideTheTransaction) {
   Lines order;
   for (const sim::TraceEntry& entry : sim::Trace()) {
     if (entry.operation == "GetAddrInfoW" || entry.operation.rfind("FwpmTransaction", 0) == 0) {
-      order.push_back(entry.operation);
+      order.emplace_back(entry.operation);
     }
   }
   EXPECT_EQ(order, (Lines{"FwpmTransactionBegin0", "GetAddrInfoW", "FwpmTransactionCommit0"}));

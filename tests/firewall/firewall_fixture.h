@@ -38,7 +38,7 @@ inline Lines FwpmCalls() {
   Lines calls;
   for (const sim::TraceEntry& entry : sim::Trace()) {
     if (entry.operation.rfind("Fwpm", 0) == 0 && entry.operation != "FwpmFreeMemory0") {
-      calls.push_back(entry.operation);
+      calls.emplace_back(entry.operation);
     }
   }
   return calls;

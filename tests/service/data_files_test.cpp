@@ -14,7 +14,7 @@ constexpr size_t kTenMebibytes = 10'485'760;
 
 std::vector<std::string> Operations() {
   std::vector<std::string> operations;
-  for (const sim::TraceEntry& entry : sim::Trace()) operations.push_back(entry.operation);
+  for (const sim::TraceEntry& entry : sim::Trace()) operations.emplace_back(entry.operation);
   return operations;
 }
 

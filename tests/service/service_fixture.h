@@ -94,7 +94,7 @@ inline Lines CallsOf(const std::vector<std::string>& operations) {
   Lines found;
   for (const sim::TraceEntry& entry : sim::Trace()) {
     for (const std::string& operation : operations) {
-      if (entry.operation == operation) found.push_back(entry.operation);
+      if (entry.operation == operation) found.emplace_back(entry.operation);
     }
   }
   return found;

@@ -313,7 +313,7 @@ class Watched : public testing::Test {
     sim::SetWatch({.step = [](uint32_t thread) { gStepped.push_back(thread); },
                    .returned =
                        [](const sim::TraceEntry& entry) {
-                         gReturned.push_back(entry.operation + ' ' + entry.result);
+                         gReturned.push_back(std::string(entry.operation) + ' ' + entry.result);
                          platform::GetFileAttributesW(L"C:\\looked.txt");
                        }});
   }

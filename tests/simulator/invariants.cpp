@@ -31,8 +31,8 @@ std::string StepText() {
          std::to_string(after.up);
 }
 
-std::string Unless(bool holds, const std::string& otherwise) {
-  return holds ? "" : otherwise;
+std::string Unless(bool holds, std::string_view otherwise) {
+  return holds ? "" : std::string(otherwise);
 }
 
 // ---- Steps ----
@@ -201,10 +201,6 @@ std::string ConnectedIsTrue() {
 
 // ---- Calls ----
 
-bool CallIs(std::string_view operation) {
-  return gFacts.call->operation == operation;
-}
-
 // Writing the log is all that a lock may be held over.
 std::string NoLockAcrossCalls() {
   static constexpr std::array<std::string_view, 14> kQuick = {
@@ -213,13 +209,12 @@ std::string NoLockAcrossCalls() {
       "GetTickCount64",   "DeleteFileW", "FormatMessageW",      "GetEnvironmentVariableW",
       "FlushFileBuffers", "_mkgmtime64"};
   if (sim::LocksHeld() == 0) return "";
-  const std::string& operation = gFacts.call->operation;
+  const std::string_view operation = gFacts.call->operation;
   return Unless(std::find(kQuick.begin(), kQuick.end(), operation) != kQuick.end(),
-                operation + " under a lock");
+                std::string(operation) + " under a lock");
 }
 
 std::string NoSecretInLog() {
-  if (!CallIs("WriteFile")) return "";
   const ThreadFacts& thread = FactsOf(gFacts.call->thread);
   const std::string& file = thread.openedFile;
   if (!gFacts.call->arguments.starts_with(thread.openedHandle)) return "";
@@ -230,16 +225,16 @@ std::string NoSecretInLog() {
   return "";
 }
 
-bool IsCommit() {
-  return CallIs("FwpmTransactionCommit0") && gFacts.call->result == "ok";
+bool CallSucceeded() {
+  return gFacts.call->result == "ok";
 }
 
 std::string RuleSetIsWhole() {
-  return IsCommit() && !gFacts.firewall.tornByFault ? RuleSetFault(gFacts.firewall.halfPairAllowed) : "";
+  return CallSucceeded() && !gFacts.firewall.tornByFault ? RuleSetFault(gFacts.firewall.halfPairAllowed) : "";
 }
 
 std::string BaselineAfterHandshake() {
-  if (!IsCommit()) return "";
+  if (!CallSucceeded()) return "";
   const ThreadFacts& thread = FactsOf(gFacts.call->thread);
   if (!thread.operation || std::string_view(thread.operation) != "EnableFailClosedBaseline") return "";
   const auto& operations = gFacts.pass.operations;
@@ -250,7 +245,7 @@ std::string BaselineAfterHandshake() {
 }
 
 std::string ConfigIsPutInPlaceWhole() {
-  if (!CallIs("MoveFileExW") || gFacts.call->result != "ok") return "";
+  if (!CallSucceeded()) return "";
   if (!Has(gFacts.call->arguments, "wg\\telvor.conf\" flags")) return "";
   const std::string text = gFacts.config.value_or("");
   for (const char* part : {"[Interface]", "PrivateKey = ", "Address = ", "[Peer]",
@@ -398,18 +393,17 @@ std::string TunnelRunsWhileConnected() {
 }
 
 constexpr size_t kMoments = static_cast<size_t>(Moment::kConnected) + 1;
+using InvariantsByMoment = std::array<std::vector<const Invariant*>, kMoments>;
+
+InvariantsByMoment SortInvariants() {
+  InvariantsByMoment sorted;
+  for (const Invariant& invariant : Invariants())
+    sorted[static_cast<size_t>(invariant.moment)].push_back(&invariant);
+  return sorted;
+}
 
 // Sorted once: calls are judged by the million.
-const std::vector<const Invariant*>& InvariantsOf(Moment moment) {
-  static const auto kByMoment = [] {
-    std::array<std::vector<const Invariant*>, kMoments> sorted;
-    for (const Invariant& invariant : Invariants()) {
-      sorted[static_cast<size_t>(invariant.moment)].push_back(&invariant);
-    }
-    return sorted;
-  }();
-  return kByMoment[static_cast<size_t>(moment)];
-}
+const InvariantsByMoment kByMoment = SortInvariants();
 
 }  // namespace
 
@@ -433,14 +427,14 @@ const std::vector<Invariant>& Invariants() {
       {Moment::kCall, "no lock across calls", "no lock is held across the network, a process or a wait",
        &NoLockAcrossCalls},
       {Moment::kCall, "no secret in log", "tokens, passwords and private keys are in no log line",
-       &NoSecretInLog},
+       &NoSecretInLog, "WriteFile"},
       {Moment::kCall, "rule set is whole",
        "what is committed is the baseline whole or not at all, with whole permits, and blocks nothing",
-       &RuleSetIsWhole},
+       &RuleSetIsWhole, "FwpmTransactionCommit0"},
       {Moment::kCall, "baseline after handshake", "no baseline is committed in a pass without a handshake",
-       &BaselineAfterHandshake},
-      {Moment::kCall, "configuration is whole", "telvor.conf is put in place whole",
-       &ConfigIsPutInPlaceWhole},
+       &BaselineAfterHandshake, "FwpmTransactionCommit0"},
+      {Moment::kCall, "configuration is whole", "telvor.conf is put in place whole", &ConfigIsPutInPlaceWhole,
+       "MoveFileExW"},
       {Moment::kOperation, "rollback leaves nothing", "after a rollback no filter of the system is left",
        &RollbackLeavesNothing},
       {Moment::kOperation, "rollback comes first", "a worker begins with a rollback", &RollbackComesFirst},
@@ -475,7 +469,8 @@ const std::vector<Invariant>& Invariants() {
 
 void Judge(Moment moment) {
   if (gFacts.violation) return;
-  for (const Invariant* invariant : InvariantsOf(moment)) {
+  for (const Invariant* invariant : kByMoment[static_cast<size_t>(moment)]) {
+    if (!invariant->operation.empty() && invariant->operation != gFacts.call->operation) continue;
     const std::string seen = invariant->broken();
     if (!seen.empty()) Violate(invariant->name, seen);
   }

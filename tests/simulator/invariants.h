@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace simulator {
@@ -23,7 +24,8 @@ struct Invariant {
   Moment moment;
   const char* name;
   const char* statement;
-  std::string (*broken)();  // empty: it holds; otherwise what was seen
+  std::string (*broken)();          // empty: it holds; otherwise what was seen
+  std::string_view operation = {};  // of the calls that it is judged at; empty: at all
 };
 
 const std::vector<Invariant>& Invariants();

@@ -377,8 +377,7 @@ void OnCommit(const sim::TraceEntry& call) {
 }
 
 using CallNote = void (*)(const sim::TraceEntry&);
-// By the hash of the operation's name, which every call has anyway.
-const std::unordered_map<uint64_t, CallNote>& CallNotes() {
+std::unordered_map<uint64_t, CallNote> SortCallNotes() {
   static constexpr std::pair<const char*, CallNote> kNotes[] = {
       {"CreateFileW", &OnCreateFile},
       {"MoveFileExW", &OnMoveFile},
@@ -396,13 +395,13 @@ const std::unordered_map<uint64_t, CallNote>& CallNotes() {
       {"FwpmFilterDeleteById0", &OnSweep},
       {"FwpmTransactionCommit0", &OnCommit},
   };
-  static const auto kByHash = [] {
-    std::unordered_map<uint64_t, CallNote> notes;
-    for (const auto& [name, note] : kNotes) notes.emplace(MixText(0, name), note);
-    return notes;
-  }();
-  return kByHash;
+  std::unordered_map<uint64_t, CallNote> notes;
+  for (const auto& [name, note] : kNotes) notes.emplace(MixText(0, name), note);
+  return notes;
 }
+
+// By the hash of the operation's name, which every call has anyway.
+const std::unordered_map<uint64_t, CallNote> kCallNotes = SortCallNotes();
 
 // `operation`: the hash of its name.
 void HashCall(const sim::TraceEntry& call, uint64_t operation) {
@@ -413,7 +412,8 @@ void HashCall(const sim::TraceEntry& call, uint64_t operation) {
 void TellFault(const sim::TraceEntry& call) {
   const size_t applied = sim::FaultsApplied();
   if (std::exchange(gFacts.faultsSeen, applied) == applied) return;
-  if (Telling()) Tell("thread " + std::to_string(call.thread) + ": " + call.operation + " " + call.result);
+  if (Telling())
+    Tell("thread " + std::to_string(call.thread) + ": " + std::string(call.operation) + " " + call.result);
 }
 
 void OnReturned(const sim::TraceEntry& call) {
@@ -421,8 +421,8 @@ void OnReturned(const sim::TraceEntry& call) {
   TellFault(call);
   const uint64_t operation = MixText(0, call.operation);
   HashCall(call, operation);
-  const auto note = CallNotes().find(operation);
-  if (note != CallNotes().end()) note->second(call);
+  const auto note = kCallNotes.find(operation);
+  if (note != kCallNotes.end()) note->second(call);
   gFacts.call = &call;
   Judge(Moment::kCall);
   gFacts.call = nullptr;

@@ -83,7 +83,8 @@ Lines RoadOf(uint32_t thread) {
       const bool fits =
           entry.operation == landmark.operation && entry.arguments.find(landmark.detail) != std::string::npos;
       if (entry.thread != thread || !fits) continue;
-      road.push_back(entry.operation + (*landmark.detail ? std::string(" ") + landmark.detail : ""));
+      road.push_back(std::string(entry.operation) +
+                     (*landmark.detail ? std::string(" ") + landmark.detail : ""));
     }
   }
   return road;

@@ -41,7 +41,7 @@ void Script(const sim::ProcessResult& result) {
 Lines Steps() {
   Lines steps;
   for (const sim::TraceEntry& entry : sim::Trace()) {
-    if (steps.empty() || steps.back() != entry.operation) steps.push_back(entry.operation);
+    if (steps.empty() || steps.back() != entry.operation) steps.emplace_back(entry.operation);
   }
   return steps;
 }

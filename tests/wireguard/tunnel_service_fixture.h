@@ -33,7 +33,7 @@ inline std::vector<std::string> ServiceCalls() {
   for (const sim::TraceEntry& entry : sim::Trace()) {
     const bool ofServices = entry.operation.find("Service") != std::string::npos ||
                             entry.operation.find("SCManager") != std::string::npos;
-    if (ofServices) calls.push_back(entry.operation);
+    if (ofServices) calls.emplace_back(entry.operation);
   }
   return calls;
 }
