@@ -27,6 +27,7 @@ EMAIL = "ada@telvor.test"
 PASSWORD = "correct horse battery staple"
 # Debian's own, which has Debian's modules; another may stand first on the path. It leaves no compiled files.
 PYTHON = ("/usr/bin/python3", "-B")
+CLEAR = "./run --down clears away what is left of it"
 
 
 def kept(build):
@@ -108,7 +109,9 @@ class Laboratory:
         """Takes hold of a laboratory that was left up."""
         if not network.existing(self.number):
             raise CannotRun("The laboratory that was left up has died, perhaps by a restart of the machine. "
-                            "./run --down clears away what is left of it")
+                            + CLEAR)
+        if not windows.is_up(self):
+            raise CannotRun("The Windows of the laboratory that was left up has died. " + CLEAR)
         self._connect()
 
     def _start_servers(self):

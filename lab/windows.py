@@ -17,6 +17,7 @@ from lab import network, prefix
 TUNNEL_SERVICE = "WireGuardTunnel$telvor"
 NO_SUCH_SERVICE = "ABSENT"
 LOOK_PAUSE = 0.1  # seconds
+STAYING = ("-p", "-f")  # a Wine server: for good, and not in the background
 STATES = {"1": "STOPPED", "2": "START_PENDING", "3": "STOP_PENDING", "4": "RUNNING"}
 
 # What the errors of opening the pipe mean.
@@ -38,8 +39,18 @@ def boot(laboratory):
     The Wine server is told to stay: without that it ends the services when the last program has ended."""
     (laboratory.folder / "home").mkdir()
     prefix.make_server_folder(laboratory.folder / "prefix", laboratory.folder)
-    laboratory.spawn(network.CLIENT.name, ["wineserver", "-p", "-f"], log="wineserver.log",
+    laboratory.spawn(network.CLIENT.name, ["wineserver", *STAYING], log="wineserver.log",
                      env=environment(laboratory))
+
+
+def is_up(laboratory):
+    """Its Wine server is there. Without it the next program would get one of its own, which does not stay."""
+    ending = b"".join(word.encode() + b"\0" for word in STAYING)
+    for pid in laboratory.pids(network.CLIENT.name):
+        with contextlib.suppress(OSError):
+            if pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().endswith(ending):
+                return True
+    return False
 
 
 def install(laboratory, *properties, msi=None, check=True):

@@ -158,7 +158,11 @@ def test_a_killed_one_is_cleared_away_by_down(whole_laboratory, capfdbinary):
             said = owner.stdout.readline()
             assert said, "the laboratory did not come up"
         number = int(said.split()[1])
-        Laboratory(BUILD).at(number).start_service()
+        its = Laboratory(BUILD).at(number)
+        its.start_service()
+        windows.shut_down(its)
+        with pytest.raises(steps.CannotRun, match="The Windows of .* has died.*--down"):
+            its.attach()
         owner.kill()
     assert len(traces(number)) == len(network.names()) + 2
     code, output, errors = run(capfdbinary, "--down")

@@ -84,7 +84,8 @@ TEST_F(Telvorctl, ThereMayBeNoLocations) {
   Result(kGetStatus, Status("DISCONNECTED"));
   Result(kLocations, kNone);
   EXPECT_EQ(Run({"locations"}), 0);
-  EXPECT_EQ(gScript.output, "The control plane has no locations.\n");
+  EXPECT_EQ(gScript.output,
+            "No locations: the control plane has none, or was not reached; see telvorctl logs.\n");
 }
 
 TEST_F(Telvorctl, SelectById) {

@@ -83,7 +83,8 @@ ExitCode ChooseServer(const std::string& place, std::string& id, std::string& ca
 ExitCode ShowLocations(const Options& options) {
   const Reply locations = FetchLocations();
   if (locations.code == kDone && !HasServers(locations)) {
-    return Finish(options, locations, {"The control plane has no locations."});
+    return Finish(options, locations,
+                  {"No locations: the control plane has none, or was not reached; see telvorctl logs."});
   }
   const ExitCode code = Finish(options, locations, LocationLines(locations.result));
   if (code == kDone && !options.json && AllAreOffline(Member(locations.result, "servers"))) {
