@@ -42,7 +42,7 @@ class Guard {
 // process unwinds here), takes the machine's lock in free-running mode for its lifetime, applies a matching
 // fault and begins the trace entry. Operations that give something back stand in destructors, which must not
 // throw: a call of kind kReleasing does not unwind a thread of an ended process but leaves that to the
-// thread's next ordinary call.
+// thread's next ordinary call. The operation's name is a literal: the trace keeps no copy of it.
 class Call {
  public:
   enum class Kind { kOrdinary, kReleasing };

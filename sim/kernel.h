@@ -119,9 +119,9 @@ void FailLock(const platform::Mutex& mutex, uint32_t times = 1);
 // ---- Trace ----
 // Calls in the order in which they began. GetLastError and the mutexes leave no trace.
 struct TraceEntry {
-  uint64_t time = 0;    // virtual milliseconds
-  uint32_t thread = 0;  // 0 is the driver
-  std::string_view operation;
+  uint64_t time = 0;           // virtual milliseconds
+  uint32_t thread = 0;         // 0 is the driver
+  std::string_view operation;  // a literal
   std::string arguments;  // all of them, name=value separated by blanks, texts in UTF-8 and double quotes
   std::string result;     // empty while the call has not returned
   bool canFail = false;   // the operation knows failure: a Fault had or would have had an effect

@@ -347,8 +347,8 @@ void ShutDownScheduler() {
   JoinFinished();
   LeaveOneProcessor();
   tCurrent = nullptr;
-  gScheduler.reset();
   gFreeRunning = false;
+  gScheduler.reset();
 }
 
 bool MachineRuns() {

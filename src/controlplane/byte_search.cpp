@@ -142,7 +142,9 @@ size_t FindByVectors(std::string_view text, std::string_view pattern) {
 
 #endif
 
-std::vector<TextSearch> FindTextSearches() {
+}  // namespace
+
+std::vector<TextSearch> TextSearches() {
   std::vector<TextSearch> searches;
 #if defined(TELVOR_VECTORS)
   if (__builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("bmi2"))
@@ -153,13 +155,7 @@ std::vector<TextSearch> FindTextSearches() {
   return searches;
 }
 
-}  // namespace
-
-const std::vector<TextSearch>& TextSearches() {
-  static const std::vector<TextSearch> searches = FindTextSearches();
-  return searches;
-}
-
 size_t FindText(std::string_view text, std::string_view pattern) {
-  return TextSearches().front()(text, pattern);
+  static const TextSearch find = TextSearches().front();
+  return find(text, pattern);
 }

@@ -19,7 +19,7 @@ using TextSearch = size_t (*)(std::string_view text, std::string_view pattern);
 
 // The searches that this processor is able to run, all of which find the same: the fastest first, which is
 // FindText's, and last the one for any processor.
-const std::vector<TextSearch>& TextSearches();
+std::vector<TextSearch> TextSearches();
 
 // 64 bytes, which can be asked for all their positions of a byte at once.
 struct ByteBlock {

@@ -1,6 +1,7 @@
 """P4: the view of the log, beside reading the file once into memory."""
 
 import collections
+import json
 import os
 import pathlib
 import subprocess
@@ -30,8 +31,9 @@ def measure(run):
     sizes = SHORT_SIZES if run.short else SIZES
     times, peaks = {}, {}
     for size in sizes:
-        write_log(run, size)
+        written = write_log(run, size)
         for limit in LIMITS:
+            check(run, limit, written)
             times[size, limit] = time_view(run, size, limit)
             peaks[size, limit] = int(under_wine(run, "peak", str(limit)))
     rows = []
@@ -66,6 +68,14 @@ def write_log(run, size):
             line = LINE.format(number=number)
             written += log.write(line)
             number += 1
+    return number
+
+
+def check(run, limit, written):
+    """The view has the last lines of the log, as many as were asked for."""
+    shown = [line["msg"] for line in json.loads(under_wine(run, "text", str(limit)))]
+    wanted = [LINE.format(number=number).rstrip() for number in range(max(0, written - limit), written)]
+    figures.require(shown == wanted, f"limit {limit}: not the last lines of the log")
 
 
 def under_wine(run, *words):

@@ -467,10 +467,14 @@ const std::vector<Invariant>& Invariants() {
   return kAll;
 }
 
+bool Concerns(const Invariant& invariant) {
+  return invariant.operation.empty() || invariant.operation == gFacts.call->operation;
+}
+
 void Judge(Moment moment) {
   if (gFacts.violation) return;
   for (const Invariant* invariant : kByMoment[static_cast<size_t>(moment)]) {
-    if (!invariant->operation.empty() && invariant->operation != gFacts.call->operation) continue;
+    if (!Concerns(*invariant)) continue;
     const std::string seen = invariant->broken();
     if (!seen.empty()) Violate(invariant->name, seen);
   }

@@ -30,6 +30,9 @@ struct Invariant {
 
 const std::vector<Invariant>& Invariants();
 
+// Whether it is about what has just happened: an operation that it names has returned.
+bool Concerns(const Invariant& invariant);
+
 // Judges all of the moment.
 void Judge(Moment moment);
 

@@ -51,7 +51,7 @@ inline uint64_t ShortText(std::string_view text) {
 inline uint64_t MixText(uint64_t hash, std::string_view text) {
   constexpr uint64_t kOdd = 0x9E3779B97F4A7C15;
   const auto add = [&hash](uint64_t number) { hash = std::rotl(hash ^ number, 29) * kOdd; };
-  hash += text.size();
+  hash += text.size() * kOdd;
   for (; text.size() > sizeof(uint64_t); text.remove_prefix(sizeof(uint64_t)))
     add(NumberAt<uint64_t>(text.data()));
   add(ShortText(text));

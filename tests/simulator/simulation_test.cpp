@@ -115,7 +115,7 @@ TEST(Simulation, AFailureIsShortenedToWhatItTakes) {
 // What the invariant of that name says of the facts as they are.
 std::string Says(const std::string& name) {
   for (const Invariant& invariant : Invariants()) {
-    if (invariant.name == name) return invariant.broken();
+    if (invariant.name == name) return Concerns(invariant) ? invariant.broken() : "does not concern it";
   }
   return "no such invariant";
 }

@@ -3,6 +3,7 @@
 //     log_view_bench FOLDER time LIMIT REPETITIONS   nanoseconds, a line each, in turn: "view N", "read N",
 //                                                    "path N": what finding the log takes of a view
 //     log_view_bench FOLDER peak LIMIT               bytes by which one view raised the peak working set
+//     log_view_bench FOLDER text LIMIT               the text of one view
 //
 // FOLDER stands for %ProgramData%; the log must be there.
 #include <windows.h>
@@ -65,10 +66,15 @@ int main(int count, char** words) {
   const std::wstring path = GetLogFilePath();
   if (what == "time" && count == 5) {
     for (int repetition = std::atoi(words[4]); repetition > 0; --repetition) {
-      Time("view", [limit] { return View(limit); });
+      if (repetition % 2 == 0) Time("view", [limit] { return View(limit); });
       Time("read", [&path] { return ReadOnce(path); });
+      if (repetition % 2 != 0) Time("view", [limit] { return View(limit); });
       Time("path", [] { return GetLogFilePath().size(); });
     }
+    return 0;
+  }
+  if (what == "text") {
+    std::puts(BuildRecentLogsJson(limit).c_str());
     return 0;
   }
   if (what == "peak") {
