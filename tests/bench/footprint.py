@@ -32,10 +32,9 @@ Private memory is what the kernel counts as pages that belong to no file (RssAno
 thread of Windows, of which the one has five and the other three. {lent:.2f} MB of the service's are the
 laboratory's libraries that stand in for two of Windows' own, which Windows would share among all programs;
 they are taken off. Memory after many connects is compared with that after the first {warm_up}, which load
-the libraries of HTTPS and fill their caches; {allowed:.0f} % of ups and downs are allowed. What these libraries
-hold for themselves: a service of ten lines that makes 25 requests by HTTPS, as five connects do, and nothing
-else holds {asking:.2f} MB; the service after its connects holds {above:.2f} MB more, two of them for its two
-threads more.
+the libraries of HTTPS and fill their caches; {allowed:.0f} % of ups and downs are allowed. A service of ten
+lines that makes 25 requests by HTTPS, as five connects do, and nothing else holds {asking:.2f} MB; the service
+after its connects holds {above:.2f} MB more than that, two of them for its two threads more.
 
 The idle worker makes {passes:.1f} passes a second and uses {own:.2f} ms of processor time for each,
 {share:.2f} % of a core in all. {code:.3f} ms of them run in code of telvor.exe, {code_share:.3f} % of a
@@ -73,7 +72,8 @@ def measure(run):
             figures.Figure("processor time of the idle service", share, "% of a core", PROCESSOR_GOAL)],
         pictures=[_picture(curve, idle, bare)],
         text=[EXPLANATION.format(idle=idle, lent=lent, bare=bare, asking=asking,
-                                 above=curve[-1][1] - lent - asking, share=share, passes=passes, starts=starts,
+                                 above=curve[-1][1] - lent - asking, share=share, passes=passes,
+                                 starts=starts,
                                  own=10 * share / passes, floor=starts * passes / 10,
                                  warm_up=WARM_UP, code=code, code_share=code * passes / 10,
                                  allowed=(GROWTH_GOAL - 1) * 100)])
@@ -98,11 +98,12 @@ def _memory_of_standins(pid):
 
 
 def _bare_memory(laboratory, *words):
-    """Of the service of ten lines; with the words of a host, a port and a number it has made so many requests."""
+    """Of the service of ten lines; with a host, a port and a number as words it has made so many requests."""
     folder = windows.drive(laboratory) / prefix.PROGRAM_FOLDER
     shutil.copy(laboratories.program(laboratory, "bare_service"), folder / BARE_PROGRAM)
     path = str(pathlib.PureWindowsPath(prefix.EXECUTABLE).with_name(BARE_PROGRAM))
-    windows.run(laboratory, "sc", "create", BARE_SERVICE, "binPath=", f'"{path}" {" ".join(words)}', "start=", "demand")
+    command = " ".join([f'"{path}"', *words])
+    windows.run(laboratory, "sc", "create", BARE_SERVICE, "binPath=", command, "start=", "demand")
     windows.run(laboratory, "net", "start", BARE_SERVICE)
     try:
         windows.wait_for_service(laboratory, "RUNNING", name=BARE_SERVICE)
