@@ -74,8 +74,10 @@ def sign(signer, path):
         password.touch(mode=0o600)
         password.write_text(signer.password, encoding="utf-8")
         when = ["-ts", signer.time_server] if signer.time_server else []
+        # Of an MSI the plain signature holds the contents alone; this, the names of its streams too.
+        names = ["-add-msi-dse"] if path.suffix.lower() == ".msi" else []
         run("osslsigncode", "sign", *_identity_of(signer, str(password)), "-h", "sha256", "-n", DESCRIPTION,
-            *when, "-in", str(path), "-out", str(signed))
+            *when, *names, "-in", str(path), "-out", str(signed))
         verify(signer, signed)
         os.replace(signed, path)
 

@@ -7,6 +7,7 @@ import subprocess
 import sys
 
 import pytest
+import time_server
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "packaging"))
@@ -44,6 +45,13 @@ def msi(files):
     made = files.parent / "telvor.msi"
     make_msi.make(files, made)
     return made
+
+
+@pytest.fixture(scope="session")
+def time_stamps(tmp_path_factory):
+    """(URL of a time stamp server, its root certificate)."""
+    with time_server.running(tmp_path_factory.mktemp("time-server")) as url_and_root:
+        yield url_and_root
 
 
 @pytest.fixture(scope="session")

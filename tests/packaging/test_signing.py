@@ -9,10 +9,12 @@ import sys
 
 import pytest
 import sign
-import time_server
 from conftest import BUILD, ROOT
 
 PASSWORD = "a blank and 'quotes' too"
+SIGNATURE_STREAM = "\5DigitalSignature".encode("utf-16-le")
+# As the MSI calls telvor.cab: two letters stand in one.
+CABINET_NAME = "\u4237\u466f\u4572\u41be\u4164".encode("utf-16-le")
 
 
 @pytest.fixture(scope="module")
@@ -23,6 +25,23 @@ def signer(tmp_path_factory):
 @pytest.fixture
 def program(tmp_path):
     return shutil.copy(BUILD / "bin" / "telvorctl.exe", tmp_path / "telvorctl.exe")
+
+
+@pytest.fixture
+def package(msi, tmp_path):
+    return shutil.copy(msi, tmp_path / "telvor.msi")
+
+
+@pytest.fixture(params=["program", "package"])
+def path(request):
+    """Of each kind of file that is signed."""
+    return request.getfixturevalue(request.param)
+
+
+@pytest.fixture(scope="module")
+def stamping(signer, time_stamps):
+    url, root = time_stamps
+    return dataclasses.replace(signer, time_server=url, time_roots=root)
 
 
 @pytest.fixture(scope="module")
@@ -40,13 +59,11 @@ def run_sign(*words, **variables):
                           text=True)
 
 
-def test_executable_and_msi_verify_once_signed(signer, program, msi, tmp_path):
-    package = shutil.copy(msi, tmp_path / "telvor.msi")
-    for path in (program, package):
-        with pytest.raises(sign.NotSigned):
-            sign.verify(signer, path)
-        sign.sign(signer, path)
+def test_it_verifies_once_signed(signer, path):
+    with pytest.raises(sign.NotSigned):
         sign.verify(signer, path)
+    sign.sign(signer, path)
+    sign.verify(signer, path)
 
 
 def without_check_sum(data):
@@ -64,38 +81,58 @@ def test_without_its_signature_it_is_what_was_built(signer, program, tmp_path):
     assert left[:len(built)] == built and not any(left[len(built):])  # padding
 
 
-def test_a_changed_file_does_not_verify(signer, program):
-    sign.sign(signer, program)
-    data = bytearray(program.read_bytes())
-    data[4096] ^= 1
-    program.write_bytes(data)
+def what_is_signed(package, target):
+    """What its signature stands for: the names and contents of its streams, whatever their order."""
+    sign.run("osslsigncode", "extract-data", "-add-msi-dse", "-in", str(package), "-out", str(target))
+    return target.read_bytes()
+
+
+def test_without_its_signature_the_package_holds_what_was_made(signer, package, tmp_path):
+    """Not byte for byte: signing sorts the streams and lays the small ones out anew."""
+    before = what_is_signed(package, tmp_path / "before")
+    sign.sign(signer, package)
+    assert SIGNATURE_STREAM in package.read_bytes()
+    bare = tmp_path / "bare.msi"
+    sign.run("osslsigncode", "remove-signature", "-in", str(package), "-out", str(bare))
+    assert SIGNATURE_STREAM not in bare.read_bytes()
+    assert what_is_signed(bare, tmp_path / "after") == before
+
+
+@pytest.mark.parametrize("path, where", [
+    pytest.param("program", b".text\0", id="program"),
+    pytest.param("package", b"MSCF", id="package: cabinet"),
+    pytest.param("package", b"A newer version of TELVOR", id="package: texts of tables"),
+    pytest.param("package", b"The TELVOR VPN service and its command line", id="package: summary"),
+    pytest.param("package", CABINET_NAME, id="package: name of cabinet"),
+], indirect=["path"])
+def test_a_changed_file_does_not_verify(signer, path, where):
+    sign.sign(signer, path)
+    data = bytearray(path.read_bytes())
+    data[data.index(where)] ^= 1
+    path.write_bytes(data)
     with pytest.raises(sign.NotSigned):
-        sign.verify(signer, program)
+        sign.verify(signer, path)
 
 
-def test_somebody_elses_signature_does_not_verify(signer, program, tmp_path):
-    sign.sign(sign.trial_signer(tmp_path / "other"), program)
+def test_somebody_elses_signature_does_not_verify(signer, path, tmp_path):
+    sign.sign(sign.trial_signer(tmp_path / "other"), path)
     with pytest.raises(sign.NotSigned):
-        sign.verify(signer, program)
+        sign.verify(signer, path)
 
 
-def test_time_stamp_is_put_in_and_verified(signer, program, tmp_path):
-    folder = tmp_path / "time-server"
-    folder.mkdir()
-    with time_server.running(folder) as (url, root):
-        stamping = dataclasses.replace(signer, time_server=url, time_roots=root)
-        sign.sign(signer, program)
-        with pytest.raises(sign.NotSigned, match="time stamp"):
-            sign.verify(stamping, program)
-        sign.sign(stamping, program)
-        sign.verify(stamping, program)
+def test_time_stamp_is_put_in_and_verified(signer, stamping, path):
+    sign.sign(signer, path)
+    with pytest.raises(sign.NotSigned, match="time stamp"):
+        sign.verify(stamping, path)
+    sign.sign(stamping, path)
+    sign.verify(stamping, path)
 
 
-def test_a_time_server_that_does_not_answer_leaves_the_file_as_it_was(signer, program):
-    before = program.read_bytes()
+def test_a_time_server_that_does_not_answer_leaves_the_file_as_it_was(signer, path):
+    before = path.read_bytes()
     with pytest.raises(sign.NotSigned):
-        sign.sign(dataclasses.replace(signer, time_server="http://127.0.0.1:9/"), program)
-    assert program.read_bytes() == before and list(program.parent.iterdir()) == [program]
+        sign.sign(dataclasses.replace(signer, time_server="http://127.0.0.1:9/"), path)
+    assert path.read_bytes() == before and list(path.parent.iterdir()) == [path]
 
 
 def test_pkcs12_with_a_password_from_a_file_or_the_environment(signer, pkcs12, program, tmp_path):
