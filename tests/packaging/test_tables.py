@@ -125,7 +125,30 @@ def test_other_versions_are_replaced_and_newer_ones_left_alone(table):
     assert rows == {"OLDERVERSION": ("0.0.0", version, from_included),
                     "OTHERBUILD": (version, version, from_included | to_included),
                     "NEWERVERSION": (version, "", only_detect)}
-    assert "Installed OR NOT NEWERVERSION" in {row["Condition"] for row in table("LaunchCondition")}
+    told = {row["Condition"]: row["Description"] for row in table("LaunchCondition")}
+    assert told["Installed OR NOT NEWERVERSION"] == (
+        "A newer version of TELVOR is installed already, and it was left as it is. To go back to version "
+        f"{version}, remove the newer version first: what the service has stored stays.")
+
+
+@pytest.mark.parametrize("sequence", ["InstallExecuteSequence", "InstallUISequence"])
+def test_launch_conditions_are_asked_once_what_they_ask_for_is_known(table, sequence):
+    """The second is gone through first where somebody clicks twice."""
+    places = by(table(sequence), "Action")
+    asked = ["FindRelatedProducts", "AppSearch", "LaunchConditions", "CostInitialize"]
+    assert sorted(asked, key=lambda action: int(places[action]["Sequence"])) == asked
+    assert {places[action]["Condition"] for action in asked} == {""}
+
+
+def test_a_person_s_installer_hands_on_all_that_conditions_ask_for(table):
+    """The installer that runs with all rights takes no other public property from one who has them not."""
+    conditions = [row["Condition"] for row in table("LaunchCondition") + table("InstallExecuteSequence")]
+    words = set(re.findall(r"\b[A-Z]{2,}\b", re.sub(r'"[^"]*"', "", " ".join(conditions))))
+    found = {row["ActionProperty"] for row in table("Upgrade")}
+    found |= {row["Property"] for row in table("AppSearch")}
+    windows_own = {"REMOVE", "UPGRADINGPRODUCTCODE", "NOT", "AND", "OR"}
+    handed_on = by(table("Property"), "Property")["SecureCustomProperties"]["Value"].split(";")
+    assert set(handed_on) == (words - windows_own) | found
 
 
 def test_executables_carry_their_version_so_that_newer_ones_replace_older(table):
