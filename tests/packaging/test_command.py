@@ -1,5 +1,6 @@
 """What ./package hands out: everything signed, told in the bill, and summed."""
 
+import dataclasses
 import hashlib
 import json
 import os
@@ -7,6 +8,7 @@ import shutil
 import subprocess
 
 import command
+import identity
 import make_msi
 import pytest
 import sign
@@ -65,22 +67,33 @@ exit 1
 """
 
 
+def tree_with(folder, cmake):
+    """A tree of its own in which this script is cmake: (its folder, what runs a command there)."""
+    tree, programs = folder / "tree", folder / "programs"
+    copy_tree(tree)
+    programs.mkdir()
+    (programs / "cmake").write_text(cmake)
+    (programs / "cmake").chmod(0o755)
+
+    def run(*words, **variables):
+        environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}", **variables}
+        return subprocess.run(words, cwd=tree, env=environment, text=True, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+
+    return tree, run
+
+
 @pytest.fixture(scope="module")
 def first_configuration(tmp_path_factory):
     """Begins a command in a tree of its own; gives the configurations that it came to, the first at most, and
     what it said."""
     folder = tmp_path_factory.mktemp("first-configuration")
-    tree, programs, notes = (folder / name for name in ("tree", "programs", "notes"))
-    copy_tree(tree)
-    programs.mkdir()
-    (programs / "cmake").write_text(FIRST_CONFIGURATION.format(cmake=shutil.which("cmake"), notes=notes))
-    (programs / "cmake").chmod(0o755)
+    notes = folder / "notes"
+    _, run = tree_with(folder, FIRST_CONFIGURATION.format(cmake=shutil.which("cmake"), notes=notes))
 
     def begin(*words):
         notes.unlink(missing_ok=True)
-        environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}"}
-        done = subprocess.run(words, cwd=tree, env=environment, text=True, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        done = run(*words)
         assert done.returncode != 0
         return notes.read_text().splitlines() if notes.exists() else [], done.stdout
 
@@ -116,3 +129,63 @@ REFUSED = {
 def test_a_control_plane_that_is_none_is_refused_before_anything_is_built(first_configuration, url):
     configured, said = first_configuration("./package", "--control-plane", url)
     assert configured == [] and said.endswith(f"\n./package: error: {REFUSED[url]}\n")
+
+
+# Whose certificate signs
+
+
+# Of a build: what the installer and the bill are made from.
+BUILT = ("bin", "build.ninja", "CMakeFiles", ".ninja_deps", "CMakeCache.txt", "monocypher")
+
+
+@pytest.fixture
+def built_tree(tmp_path):
+    """A tree in which cmake finds everything built already."""
+    tree, run = tree_with(tmp_path, "#!/bin/sh\n")
+    folder = tree / "build" / "windows"
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(parents=True)
+    for name in BUILT:
+        (folder / name).symlink_to(BUILD / name)
+    return tree, run
+
+
+def locked(key, password, target):
+    subprocess.run(["openssl", "pkey", "-in", key, "-aes256", "-passout", f"pass:{password}", "-out", target],
+                   check=True)
+    return target
+
+
+def test_a_certificate_with_a_locked_key_of_its_own_and_a_time_server_sign_the_package(
+        signer, time_stamps, built_tree, tmp_path):
+    tree, run = built_tree
+    url, root = time_stamps
+    key = locked(signer.key, "open it", tmp_path / "locked.pem")
+    done = run("./package", "--certificate", signer.certificate, "--key", key, "--roots", signer.certificate,
+               "--time-server", url, "--time-roots", root,
+               **{sign.PASSWORD_VARIABLE: "open it", "SOURCE_DATE_EPOCH": str(identity.commit_time())})
+    assert done.returncode == 0, done.stdout
+    folder = tree / "build" / "windows" / "package"
+    msi = folder / f"telvor-{identity.version()}.msi"
+    assert f"  {msi.relative_to(tree)}\n" in done.stdout and "test certificate" not in done.stdout
+    stamped = dataclasses.replace(signer, time_server=url, time_roots=root)
+    for path in (msi, *(folder / "files" / name for name in make_msi.PROGRAMS)):
+        sign.verify(stamped, path)
+    assert not (tree / "build" / "test-certificate").exists()
+
+
+@pytest.mark.parametrize("option", ["--key", "--password-file"])
+def test_what_is_missing_to_sign_with_is_told_before_anything_is_built(first_configuration, signer, option):
+    words = ["./package", "--certificate", signer.certificate, option, "/nowhere"]
+    configured, said = first_configuration(*words)
+    assert configured == [] and said == "./package: there is no file /nowhere\n"
+
+
+def test_without_a_certificate_it_is_said_that_no_windows_trusts_the_package(built_tree):
+    tree, run = built_tree
+    done = run("./package", SOURCE_DATE_EPOCH=str(identity.commit_time()))
+    assert done.returncode == 0, done.stdout
+    assert done.stdout.endswith(
+        "Signed with a test certificate that no Windows trusts; ./package --help tells of others.\n")
+    sign.verify(sign.trial_signer(tree / "build" / "test-certificate"),
+                tree / "build" / "windows" / "package" / f"telvor-{identity.version()}.msi")
