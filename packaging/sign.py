@@ -108,6 +108,8 @@ def add_options(parser):
 
 def signer_of(options):
     if options.certificate is None:
+        if options.key:
+            raise NotSigned("--key without --certificate: whose key is it?")
         return trial_signer(time_server=options.time_server, time_roots=options.time_roots)
     for path in (options.certificate, options.key, options.password_file):
         if path and not pathlib.Path(path).is_file():

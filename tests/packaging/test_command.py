@@ -181,6 +181,11 @@ def test_what_is_missing_to_sign_with_is_told_before_anything_is_built(first_con
     assert configured == [] and said == "./package: there is no file /nowhere\n"
 
 
+def test_a_key_without_its_certificate_is_refused(first_configuration, signer):
+    configured, said = first_configuration("./package", "--key", signer.certificate)
+    assert configured == [] and said == "./package: --key without --certificate: whose key is it?\n"
+
+
 def test_without_a_certificate_it_is_said_that_no_windows_trusts_the_package(built_tree):
     tree, run = built_tree
     done = run("./package", SOURCE_DATE_EPOCH=str(identity.commit_time()))
