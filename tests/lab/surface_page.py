@@ -7,7 +7,7 @@ DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 NONE = "none"
 RIGHTS = {"GA": 0x10000000, "GW": 0x40000000, "GR": 0x80000000, "GX": 0x20000000}
 ACCOUNTS = {"SY": "S-1-5-18", "BA": "S-1-5-32-544", "BU": "S-1-5-32-545", "AU": "S-1-5-11"}
-INHERITANCE = {"OI": 1, "CI": 2}
+INHERITANCE = {"OI": 1, "CI": 2, "NP": 4, "IO": 8, "ID": 16}
 
 
 def text_of(name):
@@ -62,11 +62,12 @@ def expect_told(told, seen, what):
 
 
 def entries(text):
-    """The entries of a list in the security descriptor language: flags, rights, who."""
-    return [_entry(*found) for found in re.findall(r"\(A;(\w*);(\w+);;;(\w+)\)", text)]
+    """All entries of a text in the security descriptor language, refusals and labels among them: kind, flags,
+    rights, who."""
+    return [_entry(*found.split(";")) for found in re.findall(r"\((\w+;[^()]*)\)", text)]
 
 
-def _entry(flags, rights, account):
+def _entry(kind, flags, rights, _object, _inherited_object, account):
     inherited = sum(INHERITANCE[pair] for pair in re.findall("..", flags))
     named = sum(RIGHTS[pair] for pair in re.findall("..", rights) if not rights.startswith("0x"))
-    return inherited, named or int(rights, 16), ACCOUNTS[account]
+    return kind, inherited, named or int(rights, 16), ACCOUNTS.get(account, account)

@@ -1,6 +1,7 @@
 """docs/attack-surface.md against the service at work: neither says more than the other."""
 
 import dataclasses
+import json
 import ntpath
 import re
 import sys
@@ -9,7 +10,7 @@ import conftest
 import pytest
 import surface_page
 import traced_windows
-from lab import agent_client, laboratory as laboratories
+from lab import account_tour, agent_client, laboratory as laboratories
 from lab import listings, network, prefix, windows
 from surface_page import NONE, expect_told, rows
 
@@ -44,6 +45,10 @@ class Seen:
     sockets: list = dataclasses.field(default_factory=list)
     snapshot: dict = dataclasses.field(default_factory=dict)
     routes: list = dataclasses.field(default_factory=list)
+    idle_snapshot: dict = dataclasses.field(default_factory=dict)
+    idle_routes: list = dataclasses.field(default_factory=list)
+    left_snapshot: dict = dataclasses.field(default_factory=dict)
+    methods: set = dataclasses.field(default_factory=set)
     requests: list = dataclasses.field(default_factory=list)
     told: list = dataclasses.field(default_factory=list)
 
@@ -65,28 +70,59 @@ def seen():
 
 def give_tour(found):
     laboratory = found.laboratory
+    note_methods(found)
     laboratory.start_service()
     laboratory.pipe.call("GetState")
     found.pipe_security = ask_driver(laboratory, "--security")
     found.pipe_numbers = ask_driver(laboratory, "--info")
+    for step in (account_tour.register, account_tour.reset_password, account_tour.log_in_anew,
+                 account_tour.look_at_the_plan):
+        step(laboratory, print)
+    assert laboratory.pipe.call("POST /ui/billing/checkout")["ok"] is True
     assert laboratory.log_in()["ok"] is True
     (windows.drive(laboratory) / prefix.DATA_FOLDER / RELIC).write_text("of long ago", encoding="ascii")
     laboratory.pipe.call("GET /ui/locations")
     conftest.connect(laboratory)
     laboratory.pipe.call("GetRecentLogs")
+    laboratory.pipe.call("GET /ui/logs")
     laboratory.pipe.call("GET /ui/status")
     look_while_connected(found)
     assert laboratory.pipe.call("POST /ui/select-location", server_id="tokyo-1") is True
     assert laboratory.pipe.call("Disconnect") is True
-    laboratory.wait_for_state("disconnected")
+    look_while_disconnected(found)
     laboratory.pipe.call("POST /ui/logout")
+    found.left_snapshot = laboratory.agent.snapshot()
     stop_by_pipe(laboratory)
+
+
+def note_methods(found):
+    """Of every request that goes through the pipe."""
+    send = found.laboratory.pipe.send
+
+    def note(line, *options):
+        found.methods.add(json.loads(line)["method"])
+        return send(line, *options)
+
+    found.laboratory.pipe.send = note
+
+
+def look_while_disconnected(found):
+    """At what is there by itself, and with the link to the account's page."""
+    laboratory = found.laboratory
+    conftest.wait_for_idle(laboratory)
+    assert laboratory.pipe.call("GET /ui/account-page-url")["ok"] is True
+    found.idle_snapshot = laboratory.agent.snapshot()
+    found.idle_routes = own_routes(laboratory)
+
+
+def own_routes(laboratory):
+    return [row for row in laboratory.agent.routes() if row not in laboratory.first_routes]
 
 
 def look_while_connected(found):
     laboratory = found.laboratory
     found.snapshot = laboratory.agent.snapshot()
-    found.routes = [row for row in laboratory.agent.routes() if row not in laboratory.first_routes]
+    found.routes = own_routes(laboratory)
     found.sockets = laboratory.run("client", ["ss", "-Hlnutp"]).stdout.splitlines()
     found.service_keys = [ntpath.basename(line.strip()) for line
                           in windows.run(laboratory, "reg", "query", SERVICE_KEYS).output.splitlines()]
@@ -120,6 +156,11 @@ def told_in(seen, pattern):
     """The groups of the pattern in each line that has it, with the thread in front."""
     found = [(thread, re.match(pattern, f"{function} {text}")) for thread, _, function, text in seen.told]
     return [(thread, *match.groups()) for thread, match in found if match]
+
+
+def test_the_tour_calls_every_method(seen):
+    told = re.findall(r"^## `(.+)`$", surface_page.text_of("pipe.md"), re.MULTILINE)
+    assert len(told) == len(set(told)) == 19 and seen.methods == set(told)
 
 
 # Pipes
@@ -201,12 +242,10 @@ def test_the_service_adds_these_rights_to_folders_and_to_all_that_lies_in_them(s
     told = {row["Folder"].strip("`"): surface_page.entries(row["Rights added"])
             for row in surface_page.tables()["Folders"] if row["Rights added"] != NONE}
     given = traced_windows.secured_files(seen.requests)
-    assert set(told) <= {path for path, _ in given}, "folders without the rights of docs/attack-surface.md"
-    for path, found in given:
+    assert set(told) <= {path for path, _, _ in given}, "folders without the rights of docs/attack-surface.md"
+    for path, before, after in given:
         wanted = told[path] if path in told else told[parent(path)]
-        added = {entry for entry in found if entry[2] in surface_page.ACCOUNTS.values()
-                 and entry[2] not in (surface_page.ACCOUNTS["SY"], surface_page.ACCOUNTS["BA"])}
-        assert added == set(wanted), path
+        assert before and set(after) == set(before) | set(wanted), path
 
 
 # Registry, service manager
@@ -306,29 +345,50 @@ def test_nothing_listens(seen):
     assert rows("Listening sockets", "Socket") == [(NONE,)]
 
 
+def without_tunnel(heading, *columns):
+    """The rows of what the link to the account's page makes while there is no tunnel."""
+    told = rows(heading, *columns, "Account's page")
+    assert {said for *_, said in told} <= {"yes", "no"}
+    return [tuple(texts) for *texts, said in told if said == "yes"]
+
+
+def expect_routes(told, seen_routes):
+    found = {(f"{row['destination']}/{row['prefix_length']}", f"{row['metric']}") for row in seen_routes}
+    assert {address for address, _ in found} == {f"{address}/32" for address in network.BYPASSED}
+    expect_told(told, found, "routes")
+
+
 def test_these_routes_are_set(seen):
     """Beside those of the tunnel: its interface, and the way to its server that the stand-in sets."""
-    own = {(f"{row['destination']}/{row['prefix_length']}", f"{row['metric']}") for row in seen.routes
-           if row["interface"] == "eth0" and row["destination"] != network.PARIS.address}
-    assert {address for address, _ in own} == {f"{address}/32" for address in network.BYPASSED}
-    expect_told(rows("Routes", "Destination", "Metric"), own, "routes")
+    own = [row for row in seen.routes
+           if row["interface"] == "eth0" and row["destination"] != network.PARIS.address]
+    expect_routes(rows("Routes", "Destination", "Metric"), own)
+
+
+def test_these_routes_are_set_without_a_tunnel(seen):
+    expect_routes(without_tunnel("Routes", "Destination", "Metric"), seen.idle_routes)
 
 
 # Filtering engine
 
 
-def test_the_filtering_engine_holds_these_objects(seen):
+def objects(snapshot):
     found = {("provider", record["displayData"]["name"], record["providerKey"], f"flags {record['flags']}")
-             for record in seen.snapshot["providers"]}
+             for record in snapshot["providers"]}
     found |= {("sublayer", record["displayData"]["name"], record["subLayerKey"],
-               f"weight {record['weight']:#x}, flags {record['flags']}")
-              for record in seen.snapshot["sublayers"]}
+               f"weight {record['weight']:#x}, flags {record['flags']}") for record in snapshot["sublayers"]}
     found |= {("filter", "<name>", "<key>", f"weight {record['weight']['value']:#x}, flags {record['flags']}")
-              for record in seen.snapshot["filters"]}
+              for record in snapshot["filters"]}
     found |= {("callout", record["displayData"]["name"], record["calloutKey"], "")
-              for record in seen.snapshot["callouts"]}
-    expect_told(rows("Objects in the filtering engine", "Object", "Name", "Key", "Weight and flags"), found,
-                "objects")
+              for record in snapshot["callouts"]}
+    return found
+
+
+def test_the_filtering_engine_holds_these_objects(seen):
+    told = "Objects in the filtering engine", "Object", "Name", "Key", "Weight and flags"
+    expect_told(rows(*told), objects(seen.snapshot), "objects")
+    expect_told(without_tunnel(*told), objects(seen.idle_snapshot), "objects without a tunnel")
+    assert objects(seen.left_snapshot) == set()
 
 
 def filter_row(record):
@@ -339,8 +399,9 @@ def filter_row(record):
 
 
 def test_these_filters_are_in_force(seen):
-    found = {filter_row(record) for record in seen.snapshot["filters"]}
-    expect_told(rows("Filters", "Filter", "What it does", "Conditions"), found, "filters")
+    told = "Filters", "Filter", "What it does", "Conditions"
+    for told_rows, snapshot in ((rows(*told), seen.snapshot), (without_tunnel(*told), seen.idle_snapshot)):
+        expect_told(told_rows, {filter_row(record) for record in snapshot["filters"]}, "filters")
 
 
 # Executables

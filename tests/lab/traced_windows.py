@@ -5,6 +5,7 @@ that it started, the files and keys that it opened. What passes between programs
 asked of the service manager, is told by the programs' libraries."""
 
 import dataclasses
+import ntpath
 import re
 import time
 
@@ -16,7 +17,10 @@ CHANNELS = "-all,+pid,trace+service,trace+winhttp,trace+winsock"
 
 REQUEST = re.compile(r"^([0-9a-f]{4,8}): (\w+)\( ?(.*?) ?\)$")
 ANSWER = re.compile(r"^([0-9a-f]{4,8}): (\w+)\(\) = (\w+)(?: \{ ?(.*?) ?\})?$")
-ENTRY = re.compile(r"ACCESS_ALLOWED,flags=([0-9a-f]+),mask=([0-9a-f]+),sid=\{?(S-[0-9-]+)")
+ENTRY = re.compile(r"(\w+),flags=([0-9a-f]+),mask=([0-9a-f]+),sid=\{?(S-[0-9-]+)")
+# The kinds of entries, as the security descriptor language calls them.
+KINDS = {"ACCESS_ALLOWED": "A", "ACCESS_DENIED": "D"}
+INHERITED_ENTRY = 0x10
 OWN_PROCESS = "ffffffff"
 DIRECTORY_FILE, DELETE_ON_CLOSE = 0x1, 0x1000
 OPEN_EXISTING = 1
@@ -132,21 +136,36 @@ def opened_files(requests):
 
 
 def access_list(text):
-    """The entries of a security descriptor as the server writes it: flags, rights, who."""
-    _, _, entries = text.partition("dacl=")
-    return [(int(flags, 16), int(mask, 16), sid) for flags, mask, sid in ENTRY.findall(entries)]
+    """All entries of a security descriptor as the server writes it, refusals and labels among them: kind,
+    flags, rights, who."""
+    return [(KINDS.get(kind, kind), int(flags, 16), int(mask, 16), sid)
+            for kind, flags, mask, sid in ENTRY.findall(text)]
 
 
 def secured_files(requests):
-    """The path and the access list of each file or folder whose access list was set."""
-    handles, found = {}, []
+    """Of each file or folder whose access list was set its path, the list that was read of it before, and
+    the one that it was given, without what the folder above passes on."""
+    handles, read, found = {}, {}, []
     for request in requests:
-        if request.name in ("create_file", "open_file_object") and request.status == "0":
+        if request.status != "0":
+            continue
+        if request.name in ("create_file", "open_file_object"):
             handles[request.process, request.number("handle", request.answer)] = named_file(request)
-        elif request.name == "set_security_object" and request.status == "0":
-            path = handles.get((request.process, request.number("handle")), "")
-            found.append((path, access_list(request.text)))
+            continue
+        path = handles.get((request.process, request.number("handle")), "")
+        if request.name == "get_security_object":
+            read[path] = access_list(request.answer)
+        elif request.name == "set_security_object":
+            given = _without_inherited(access_list(request.text), read.get(ntpath.dirname(path), []))
+            found.append((path, read.get(path, []), given))
     return found
+
+
+def _without_inherited(entries, above):
+    """The library for access lists adds these by itself, in each list that it sets."""
+    passed_on = {(kind, mask, sid) for kind, _, mask, sid in above}
+    return [(kind, flags, mask, sid) for kind, flags, mask, sid in entries
+            if not (flags & INHERITED_ENTRY and (kind, mask, sid) in passed_on)]
 
 
 def written_keys(requests):
