@@ -283,8 +283,11 @@ TEST_F(AccountCommands, Entitlement) {
   Result(kEntitlement,
          R"({"ok":true,"payment_current":true,"status":"active","period_end":"2026-12-31T00:00:00Z"})");
   EXPECT_EQ(Run({"entitlement"}), 0);
+  EXPECT_EQ(gScript.errors, "");
   Result(kEntitlement, R"({"ok":true,"payment_current":false,"status":"","period_end":null})");
   EXPECT_EQ(Run({"entitlement"}), 0);
+  EXPECT_EQ(gScript.errors,
+            "telvorctl: the control plane told no status: it may not have answered as it should\n");
   EXPECT_EQ(gScript.output,
             "Paid    yes\n"
             "Status  active\n"

@@ -112,7 +112,10 @@ ExitCode ConfirmReset(const Options& options) {
 
 ExitCode ShowEntitlement(const Options& options) {
   const Reply reply = AskWithSession("GET /ui/entitlement");
-  return Finish(options, reply, EntitlementLines(reply.result));
+  const ExitCode code = Finish(options, reply, EntitlementLines(reply.result));
+  if (code == kDone && !options.json && TextMember(reply.result, "status").empty())
+    Complain("the control plane told no status: it may not have answered as it should");
+  return code;
 }
 
 ExitCode ShowQuota(const Options& options) {
