@@ -30,16 +30,15 @@ const Device kDevice("wireguard", [] {
 // Split at blanks, except within double quotes.
 std::vector<std::wstring> Words(const std::wstring& commandLine) {
   std::vector<std::wstring> words;
+  words.reserve(4);
   bool quoted = false;
   bool inside = false;
-  for (size_t at = 0; at < commandLine.size(); ++at) {
-    const size_t end = std::min(commandLine.find_first_of(quoted ? L"\"" : L"\" ", at), commandLine.size());
-    const bool blank = end < commandLine.size() && commandLine[end] == L' ';
-    if (!inside && (end > at || !blank)) words.emplace_back();
-    if (end > at) words.back().append(commandLine, at, end - at);
-    inside = !blank;
-    quoted = quoted != !blank;
-    at = end;
+  for (const wchar_t character : commandLine) {
+    if (character == L'"') quoted = !quoted;
+    const bool separates = character == L' ' && !quoted;
+    if (!separates && !inside) words.emplace_back().reserve(commandLine.size());
+    inside = !separates;
+    if (inside && character != L'"') words.back() += character;
   }
   return words;
 }

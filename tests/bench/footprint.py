@@ -19,8 +19,9 @@ SAMPLES = 40  # of the memory, over all connects
 SETTLE_SECONDS = 3
 IDLE_SECONDS, SHORT_IDLE_SECONDS, PROFILED_SECONDS = 60, 3, 10
 STARTS, SHORT_STARTS = 30, 2
-BARE_SERVICE, BARE_PROGRAM = "TELVORBARE", "bare_service.exe"
-ASKING = (network.CONTROL_PLANE_HOST, str(network.CONTROL_PLANE_PORT), "25")  # five connects' requests
+BARE_SERVICE = "TELVORBARE"
+# Of five connects.
+ASKING = ("bare_asking_service", network.CONTROL_PLANE_HOST, str(network.CONTROL_PLANE_PORT), "25")
 UNINSTALLER = r'"C:\Program Files\WireGuard\wireguard.exe" /uninstalltunnelservice telvor'
 
 SIZE_GOAL_MB, MEMORY_GOAL_MB, GROWTH_GOAL, PROCESSOR_GOAL = 1.5, 4, 1.02, 0.1
@@ -50,7 +51,7 @@ def measure(run):
         laboratory.stop_service()  # it was connected before, and what that needed would stay in its memory
         laboratory.start_service()
     size = (run.windows / "bin" / "telvor.exe").stat().st_size / MEGABYTE
-    bare = _bare_memory(laboratory)
+    bare = _bare_memory(laboratory, "bare_service")
     asking = _bare_memory(laboratory, *ASKING)
     time.sleep(SETTLE_SECONDS)
     service = windows.service_processes(laboratory)[0]
@@ -97,18 +98,19 @@ def _memory_of_standins(pid):
     return held * 1024 / MEGABYTE
 
 
-def _bare_memory(laboratory, *words):
-    """Of the service of ten lines; with a host, a port and a number as words it has made so many requests."""
+def _bare_memory(laboratory, name, *words):
+    """Of the bare service of that name, started with these words."""
+    program = f"{name}.exe"
     folder = windows.drive(laboratory) / prefix.PROGRAM_FOLDER
-    shutil.copy(laboratories.program(laboratory, "bare_service"), folder / BARE_PROGRAM)
-    path = str(pathlib.PureWindowsPath(prefix.EXECUTABLE).with_name(BARE_PROGRAM))
+    shutil.copy(laboratories.program(laboratory, name), folder / program)
+    path = str(pathlib.PureWindowsPath(prefix.EXECUTABLE).with_name(program))
     command = " ".join([f'"{path}"', *words])
     windows.run(laboratory, "sc", "create", BARE_SERVICE, "binPath=", command, "start=", "demand")
     windows.run(laboratory, "net", "start", BARE_SERVICE)
     try:
         windows.wait_for_service(laboratory, "RUNNING", name=BARE_SERVICE)
         time.sleep(SETTLE_SECONDS)
-        return _memory(_pid_of(laboratory, BARE_PROGRAM))
+        return _memory(_pid_of(laboratory, program))
     finally:
         windows.run(laboratory, "net", "stop", BARE_SERVICE, check=False)
         windows.run(laboratory, "sc", "delete", BARE_SERVICE, check=False)
