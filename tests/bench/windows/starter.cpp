@@ -1,9 +1,10 @@
 // The floor of what starting a program costs: starts it as the service does, with pipes for what it prints,
 // and reads them to their end. Nothing else.
 //
-//   starter COMMAND_LINE    prints "ready"; for each line of standard input starts the program, waits for its
-//   end
-//                           and prints the nanoseconds that this took, or "!error <code>"
+//   starter COMMAND_LINE
+//
+// It prints "ready". For each line of standard input it starts the program, waits for its end and prints the
+// nanoseconds that this took, or "!error <code>".
 #include <windows.h>
 
 #include <chrono>
